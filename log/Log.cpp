@@ -1,10 +1,10 @@
 #include "Log.h"
 
 #include <QDateTime>
-#include <QMutex>
 #include <QVector>
 
 #include <exception>
+#include <mutex>
 
 namespace Log {
 
@@ -36,7 +36,9 @@ class LoggerImpl
 public:
     LoggerImpl() { destinations.reserve(2); }
 
-    QMutex logMutex;
+    // std::mutex rather than QMutex: Qt's contended lock path is invisible to the thread
+    // sanitizer, which then reports every destination's state as racing.
+    std::mutex logMutex;
     Level level = LevelInfo;
     QVector<DestinationPtr> destinations;
 };
@@ -99,7 +101,7 @@ void Logger::enqueueWrite(const QString& message, Level level)
 
 void Logger::write(const QString& message, Level level)
 {
-    QMutexLocker lock(&d->logMutex);
+    std::lock_guard<std::mutex> lock(d->logMutex);
     for (const DestinationPtr& destination : qAsConst(d->destinations))
         destination->write(message, level);
 }

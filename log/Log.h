@@ -56,10 +56,23 @@ private:
 
 } // namespace Log
 
+namespace Log {
+
+// Lets a log statement be one conditional expression: both branches must be void, and an
+// expression (unlike an if/else) cannot capture the else of a surrounding if.
+struct StatementEnd
+{
+    void operator&(const QDebug&) const {}
+};
+
+} // namespace Log
+
 // The threshold is tested before a Helper exists, so the streamed items of a
 // filtered statement are never evaluated.
-#define TLOG_AT(lvl) \
-    if (Log::Logger::instance().loggingLevel() > (lvl)) {} else Log::Logger::Helper(lvl).stream()
+#define TLOG_AT(lvl)                                                                            \
+    (Log::Logger::instance().loggingLevel() > (lvl))                                            \
+        ? (void)0                                                                               \
+        : Log::StatementEnd() & Log::Logger::Helper(lvl).stream()
 
 #define TLOG_TRACE() TLOG_AT(Log::LevelTrace)
 #define TLOG_DEBUG() TLOG_AT(Log::LevelDebug)

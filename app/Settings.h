@@ -1,0 +1,38 @@
+#pragma once
+
+#include <QString>
+
+// Process-wide configuration: read once at start-up, written back when the service stops.
+class Settings
+{
+public:
+    static Settings* Instance();
+
+    Settings();
+    virtual ~Settings();
+
+    void LoadSettings();
+    void SaveSettings();
+
+    const unsigned short& GetPort() const { return port; }
+    const QString& GetCertFile() const { return certFile; }
+    const QString& GetKeyFile() const { return keyFile; }
+    const QString& GetLogPath() const { return logPath; }
+    const int& GetLogLevel() const { return logLevel; }
+
+    void SetPort(const unsigned short& value) { port = value; }
+    void SetCertFile(const QString& value) { certFile = value; }
+    void SetKeyFile(const QString& value) { keyFile = value; }
+    void SetLogPath(const QString& value) { logPath = value; }
+    void SetLogLevel(const int& value) { logLevel = value; }
+
+    // The system-wide directory the settings file lives under.
+    static QString systemConfigDirectory();
+
+private:
+    unsigned short port;
+    QString certFile;
+    QString keyFile;
+    QString logPath;
+    int logLevel;
+};

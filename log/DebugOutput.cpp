@@ -1,0 +1,19 @@
+#include "DebugOutput.h"
+
+#include <cstdio>
+
+namespace Log {
+
+void DebugOutput::output(const QString& message)
+{
+    std::fprintf(stderr, "%s\n", message.toLocal8Bit().constData());
+    std::fflush(stderr);
+}
+
+void DebugOutput::report(const QString& text)
+{
+    std::fputs(text.toLocal8Bit().constData(), stderr);
+    std::fflush(stderr);
+}
+
+} // namespace Log

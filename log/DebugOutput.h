@@ -1,0 +1,18 @@
+#pragma once
+
+#include <QString>
+
+namespace Log {
+
+// Standard error in the locale's encoding. The logger's own failures go here directly:
+// they happen under the log lock, so they cannot go through the logger.
+class DebugOutput
+{
+public:
+    // The message and a line feed, flushed at once.
+    static void output(const QString& message);
+    // A failure text as it is, without a line end.
+    static void report(const QString& text);
+};
+
+} // namespace Log

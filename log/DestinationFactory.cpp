@@ -1,0 +1,43 @@
+#include "DestinationFactory.h"
+
+#include "DebugOutputDestination.h"
+#include "FileDestination.h"
+#include "NullRotationStrategy.h"
+#include "SizeRotationStrategy.h"
+
+namespace Log {
+
+DestinationPtr DestinationFactory::MakeFileDestination(const QString& filePath,
+                                                       LogRotationOption rotation,
+                                                       const MaxSizeBytes& maxSize,
+                                                       const MaxOldLogCount& backupCount)
+{
+    QSharedPointer<RotationStrategy> strategy;
+    if (rotation == LogRotationEnabled) {
+        auto sizeRotation = QSharedPointer<SizeRotationStrategy>::create();
+        sizeRotation->setMaximumSizeInBytes(maxSize.size);
+        sizeRotation->setBackupCount(backupCount.count);
+        strategy = sizeRotation;
+    } else {
+        strategy = QSharedPointer<NullRotationStrategy>::create();
+    }
+    return DestinationPtr(new FileDestination(filePath, strategy));
+}
+
+DestinationPtr DestinationFactory::MakeDebugOutputDestination()
+{
+    return DestinationPtr(new DebugOutputDestination);
+}
+
+// Built from the derived pointer, so the shared pointer knows it owns a QObject.
+DestinationPtr DestinationFactory::MakeFunctorDestination(LogFunction function)
+{
+    return DestinationPtr(new FunctorDestination(function));
+}
+
+DestinationPtr DestinationFactory::MakeFunctorDestination(QObject* receiver, const char* method)
+{
+    return DestinationPtr(new FunctorDestination(receiver, method));
+}
+
+} // namespace Log

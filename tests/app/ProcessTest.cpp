@@ -1,0 +1,164 @@
+// The service binary as a black box: command line, signals, daemon mode and the settings
+// file it leaves behind.
+#include "ServiceProcess.h"
+
+#include "FreePort.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QRegularExpression>
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+
+namespace {
+
+const QString versionLine = QStringLiteral(
+    R"(^INFO  \d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3} Application version: "0\.25" $)");
+
+class ServiceProcessTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        // The endpoint reads these per connection; they only have to exist for a start.
+        certFile = service.dir() + QStringLiteral("/cert.pem");
+        keyFile = service.dir() + QStringLiteral("/key.pem");
+        touch(certFile);
+        touch(keyFile);
+        service.writeSettings({{QStringLiteral("port"), TestSupport::findFreePorts()},
+                               {QStringLiteral("certfile"), certFile},
+                               {QStringLiteral("keyfile"), keyFile}});
+    }
+
+    static void touch(const QString& path)
+    {
+        QFile file(path);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    }
+
+    void startAndWaitUntilServing()
+    {
+        ASSERT_TRUE(service.start());
+        ASSERT_TRUE(service.waitForLog(QStringLiteral("Tiv RFID WebSocket Service starting.")));
+    }
+
+    ServiceProcess service;
+    QString certFile;
+    QString keyFile;
+};
+
+TEST_F(ServiceProcessTest, HelpAndVersionEndTheProcessAfterOnlyTheVersionLine)
+{
+    ASSERT_TRUE(service.start({QStringLiteral("--help")}));
+    ASSERT_TRUE(service.waitForExit());
+    EXPECT_EQ(service.exitCode(), 0);
+    EXPECT_TRUE(service.standardOutput().contains(QStringLiteral("Run as a daemon.")));
+    const QStringList lines = service.appLog().split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    ASSERT_EQ(lines.size(), 1) << service.appLog().toStdString();
+    EXPECT_TRUE(QRegularExpression(versionLine).match(lines.first()).hasMatch()) << lines.first().toStdString();
+
+    ServiceProcess versionRun;
+    ASSERT_TRUE(versionRun.start({QStringLiteral("--version")}));
+    ASSERT_TRUE(versionRun.waitForExit());
+    EXPECT_EQ(versionRun.exitCode(), 0);
+    EXPECT_TRUE(versionRun.standardOutput().contains(QStringLiteral("Tiv RFID WebSocket Service 0.25")));
+}
+
+TEST_F(ServiceProcessTest, SighupIsIgnoredAndSigtermStopsWithTheSettingsSaved)
+{
+    service.writeSettings({{QStringLiteral("loglevel"), 2}});
+    startAndWaitUntilServing();
+
+    service.sendSignal(SIGHUP);
+    service.sendSignal(SIGTERM);
+    ASSERT_TRUE(service.waitForExit());
+    EXPECT_EQ(service.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(service.exitCode(), 0);
+
+    const QVariantMap saved = service.readSettings();
+    EXPECT_EQ(saved.value(QStringLiteral("service/certfile")).toString(), certFile);
+    EXPECT_EQ(saved.value(QStringLiteral("service/keyfile")).toString(), keyFile);
+    EXPECT_EQ(saved.value(QStringLiteral("service/logpath")).toString(), service.logDir());
+    EXPECT_TRUE(saved.contains(QStringLiteral("service/port")));
+    EXPECT_EQ(saved.value(QStringLiteral("service/loglevel")).toInt(), 2);
+    EXPECT_FALSE(service.appLog().contains(QStringLiteral("DEBUG"))) << "level 2 drops debug lines";
+}
+
+TEST_F(ServiceProcessTest, SigintStopsWithStatusZeroAndWritesTheFourKeys)
+{
+    startAndWaitUntilServing();
+    service.sendSignal(SIGINT);
+    ASSERT_TRUE(service.waitForExit());
+    EXPECT_EQ(service.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(service.exitCode(), 0);
+    EXPECT_EQ(service.readSettings().size(), 4);
+}
+
+TEST_F(ServiceProcessTest, MissingCertificateEndsTheServiceWithStatusZero)
+{
+    QFile::remove(certFile);
+    ASSERT_TRUE(service.start());
+    ASSERT_TRUE(service.waitForExit());
+    EXPECT_EQ(service.exitCode(), 0);
+    EXPECT_TRUE(service.appLog().contains(QStringLiteral("Unable to load certificate or key.")));
+}
+
+// Finds the process whose environment carries `marker`; 0 if there is none.
+pid_t findProcessWithEnvironment(const QByteArray& marker)
+{
+    const QStringList entries = QDir(QStringLiteral("/proc")).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
+    for (const QString& entry : entries) {
+        bool isPid = false;
+        const pid_t pid = entry.toInt(&isPid);
+        if (!isPid)
+            continue;
+        QFile environ(QStringLiteral("/proc/%1/environ").arg(pid));
+        if (environ.open(QIODevice::ReadOnly) && environ.readAll().split('\0').contains(marker))
+            return pid;
+    }
+    return 0;
+}
+
+std::string linkTarget(const QString& path)
+{
+    return QFileInfo(path).symLinkTarget().toStdString();
+}
+
+TEST_F(ServiceProcessTest, DaemonDetachesIntoTheRootDirectoryWithNullStdio)
+{
+    // Orphans are handed to this process, so the daemon can be reaped and its status seen.
+    ASSERT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+    const QByteArray marker = "TIV_TEST_DAEMON_MARKER=" + service.dir().toUtf8();
+    service.setEnvironment(QStringLiteral("TIV_TEST_DAEMON_MARKER"), service.dir());
+    ASSERT_TRUE(service.start({QStringLiteral("--daemon")}));
+    ASSERT_TRUE(service.waitForExit());
+    EXPECT_EQ(service.exitCode(), 1) << "the launching process always reports 1";
+
+    // Only the detached process gets as far as starting the service.
+    ASSERT_TRUE(service.waitForLog(QStringLiteral("Certfile:")));
+    const pid_t daemonPid = findProcessWithEnvironment(marker);
+    ASSERT_NE(daemonPid, 0);
+
+    EXPECT_EQ(linkTarget(QStringLiteral("/proc/%1/cwd").arg(daemonPid)), "/");
+    for (int fd = 0; fd <= 2; ++fd)
+        EXPECT_EQ(linkTarget(QStringLiteral("/proc/%1/fd/%2").arg(daemonPid).arg(fd)), "/dev/null");
+    QFile status(QStringLiteral("/proc/%1/status").arg(daemonPid));
+    ASSERT_TRUE(status.open(QIODevice::ReadOnly));
+    EXPECT_TRUE(status.readAll().contains("Umask:\t0000"));
+    EXPECT_NE(::getsid(daemonPid), ::getsid(0)) << "the daemon leads a session of its own";
+
+    ::kill(daemonPid, SIGTERM);
+    int daemonStatus = -1;
+    ASSERT_EQ(::waitpid(daemonPid, &daemonStatus, 0), daemonPid);
+    EXPECT_TRUE(WIFEXITED(daemonStatus) && WEXITSTATUS(daemonStatus) == 0);
+    EXPECT_EQ(service.readSettings().size(), 4);
+    while (::waitpid(-1, nullptr, WNOHANG) > 0) {
+    }
+}
+
+} // namespace

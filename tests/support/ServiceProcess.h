@@ -1,0 +1,62 @@
+#pragma once
+
+#include <QDateTime>
+#include <QProcess>
+#include <QString>
+#include <QTemporaryDir>
+#include <QThread>
+#include <QVariantMap>
+
+// The built service run as a black box: a private settings directory, log directory and
+// environment, started as a child process and driven with signals.
+class ServiceProcess
+{
+public:
+    ServiceProcess();
+    ~ServiceProcess();
+
+    // Writes the [service] keys given (e.g. "port", "certfile") to the settings file.
+    void writeSettings(const QVariantMap& values);
+    QVariantMap readSettings() const;
+    QString settingsFile() const;
+    QString logDir() const;
+    QString dir() const { return tempDir.path(); }
+
+    void setEnvironment(const QString& name, const QString& value);
+    bool start(const QStringList& arguments = {});
+    qint64 pid() const;
+
+    QString appLog() const;
+    // Waits until app.log holds `text`; false after `timeoutMs`.
+    bool waitForLog(const QString& text, int timeoutMs = 30000) const;
+    // How often `text` occurs in app.log.
+    int countInLog(const QString& text) const;
+
+    void sendSignal(int signalNumber);
+    // Waits for the process to end; false if it is still running after `timeoutMs`.
+    bool waitForExit(int timeoutMs = 30000);
+    int exitCode() const { return process.exitCode(); }
+    QProcess::ExitStatus exitStatus() const { return process.exitStatus(); }
+    QString standardOutput();
+    QString standardError();
+
+private:
+    QTemporaryDir tempDir;
+    QProcessEnvironment environment;
+    QProcess process;
+    QByteArray capturedOutput;
+    QByteArray capturedError;
+};
+
+// Polls `condition` until it holds or `timeoutMs` passes.
+template <typename Condition>
+bool waitUntil(Condition condition, int timeoutMs)
+{
+    const qint64 deadline = QDateTime::currentMSecsSinceEpoch() + timeoutMs;
+    while (!condition()) {
+        if (QDateTime::currentMSecsSinceEpoch() > deadline)
+            return false;
+        QThread::msleep(20);
+    }
+    return true;
+}
