@@ -1,0 +1,10 @@
+#include "SCCommand.h"
+
+QJsonObject SCCommand::build(QString const& cardId)
+{
+    QJsonObject message;
+    message.insert(QStringLiteral("type"), QStringLiteral("SC"));
+    message.insert(QStringLiteral("tag_id"), cardId);
+    message.insert(QStringLiteral("error"), QJsonValue::Null);
+    return message;
+}

@@ -1,0 +1,12 @@
+#pragma once
+
+#include <QJsonObject>
+#include <QString>
+
+// The "SC" message: a smart card was laid on a reader. Clients already parse "tag_id"
+// for tags, so the card's identifier travels under the same key.
+class SCCommand
+{
+public:
+    static QJsonObject build(QString const& cardId);
+};

@@ -1,0 +1,12 @@
+#include "VersionCommand.h"
+
+VersionCommand::~VersionCommand() = default;
+
+QJsonObject VersionCommand::build(QString const& version)
+{
+    QJsonObject message;
+    message.insert(QStringLiteral("type"), QStringLiteral("VERSION"));
+    message.insert(QStringLiteral("version"), version);
+    message.insert(QStringLiteral("error"), QJsonValue::Null);
+    return message;
+}
