@@ -10,6 +10,7 @@ const char* const certFileKey = "service/certfile";
 const char* const keyFileKey = "service/keyfile";
 const char* const logPathKey = "service/logpath";
 const char* const logLevelKey = "service/loglevel";
+const char* const allowedOriginsKey = "service/allowedorigins";
 
 QSettings* openStore()
 {
@@ -49,12 +50,18 @@ void Settings::LoadSettings()
     keyFile = store->value(keyFileKey, QStringLiteral("localhost.key")).toString();
     logPath = store->value(logPathKey, QStringLiteral("/var/log/tiv-rfid-svc/")).toString();
     logLevel = store->value(logLevelKey, 1).toInt();
+
+    // INI files hand an unquoted comma-separated value over as a list already; a quoted one
+    // arrives as one string. Either way the result is one entry per origin.
+    allowedOrigins.clear();
+    for (const QString& part : store->value(allowedOriginsKey).toStringList())
+        allowedOrigins += part.split(QLatin1Char(','), Qt::SkipEmptyParts);
 }
 
 void Settings::SaveSettings()
 {
-    // The log level is left out on purpose: it is an administrator's setting, present in the
-    // file only when someone put it there.
+    // The log level and the allowed origins are left out on purpose: they are an
+    // administrator's settings, present in the file only when someone put them there.
     QScopedPointer<QSettings> store(openStore());
     store->setValue(portKey, static_cast<int>(port));
     store->setValue(certFileKey, certFile);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QString>
+#include <QStringList>
 
 // Process-wide configuration: read once at start-up, written back when the service stops.
 class Settings
@@ -19,12 +20,14 @@ public:
     const QString& GetKeyFile() const { return keyFile; }
     const QString& GetLogPath() const { return logPath; }
     const int& GetLogLevel() const { return logLevel; }
+    const QStringList& GetAllowedOrigins() const { return allowedOrigins; }
 
     void SetPort(const unsigned short& value) { port = value; }
     void SetCertFile(const QString& value) { certFile = value; }
     void SetKeyFile(const QString& value) { keyFile = value; }
     void SetLogPath(const QString& value) { logPath = value; }
     void SetLogLevel(const int& value) { logLevel = value; }
+    void SetAllowedOrigins(const QStringList& value) { allowedOrigins = value; }
 
     // The system-wide directory the settings file lives under.
     static QString systemConfigDirectory();
@@ -35,4 +38,5 @@ private:
     QString keyFile;
     QString logPath;
     int logLevel;
+    QStringList allowedOrigins;
 };

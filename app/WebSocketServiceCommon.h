@@ -1,8 +1,20 @@
 #pragma once
 
-#include <QObject>
+#include "ConnectionContext.h"
 
-// Starts, wires and stops the server and card handling of the service.
+#include <QMutex>
+#include <QObject>
+#include <QString>
+
+class PCSCMonitor;
+class QJsonObject;
+class QThread;
+class ServerThread;
+class SmartCardController;
+
+// Owns the running service: starts the WebSocket server thread and card handling (or a
+// monitor that waits for the PC/SC service), turns card events into client messages, greets
+// new clients, restarts card handling after fatal PC/SC errors and stops everything in order.
 class WebSocketServiceCommon : public QObject
 {
     Q_OBJECT
@@ -13,7 +25,26 @@ public:
 
     bool start();
     void stop();
+    void initCardHandling();
 
     void loadSettings();
     void saveSettings();
+
+public slots:
+    void cardReaderError(unsigned int code, QString message);
+
+private:
+    bool attemptCardHandling();
+    void greetClient(const ConnectionContext& context);
+    void sendToAll(const QJsonObject& message);
+    void sendToClient(const QJsonObject& message, const ConnectionContext& context);
+    void stopMonitor();
+    void stopCardThread();
+
+    ServerThread* serverThread = nullptr;
+    SmartCardController* cardObject = nullptr;
+    QThread* cardThread = nullptr;
+    PCSCMonitor* pcscMonitor = nullptr;
+    QThread* monitorThread = nullptr;
+    QMutex mutex;
 };

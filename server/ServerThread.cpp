@@ -30,6 +30,17 @@ ServerThread::~ServerThread()
     delete server;
 }
 
+void ServerThread::setAllowedOrigins(const QStringList& origins)
+{
+    // run() reads the list without a lock, which is only safe before the thread exists.
+    if (isRunning()) {
+        TLOG_WARN() << "ServerThread: allowed origins must be set before the server starts;"
+                    << "ignored.";
+        return;
+    }
+    allowedOrigins = origins;
+}
+
 bool ServerThread::waitForInit()
 {
     std::unique_lock<std::mutex> lock(initMutex);
@@ -48,6 +59,7 @@ void ServerThread::serve()
     WebsocketServer* created = nullptr;
     try {
         created = new WebsocketServer(port, certFile, keyFile, logPath, nullptr);
+        created->setAllowedOrigins(allowedOrigins);
     } catch (const websocketpp::exception& error) {
         TLOG_ERROR() << "Could not create server:" << error.what();
     }

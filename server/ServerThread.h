@@ -4,6 +4,7 @@
 
 #include <QList>
 #include <QString>
+#include <QStringList>
 #include <QThread>
 
 #include <condition_variable>
@@ -23,6 +24,10 @@ public:
                  const QString& logPath, QObject* parent);
     // Stops and waits for a thread that is still serving, then releases the endpoint.
     ~ServerThread() override;
+
+    // Web pages that may connect, by origin; others are refused with HTTP 403. Empty (the
+    // default) lets every origin in. Takes effect only when called before start().
+    void setAllowedOrigins(const QStringList& origins);
 
     // Blocks until run() has tried to create the endpoint; true when it is listening.
     bool waitForInit();
@@ -63,5 +68,6 @@ private:
     QString certFile;
     QString keyFile;
     QString logPath;
+    QStringList allowedOrigins;
     QList<ConnectionContext> clients;
 };

@@ -48,6 +48,7 @@ WebsocketServer::WebsocketServer(unsigned short port, const QString& certfile,
 
     endpoint.init_asio();
 
+    endpoint.set_validate_handler(std::bind(&WebsocketServer::validateHandler, this, _1));
     endpoint.set_open_handler(std::bind(&WebsocketServer::openHandler, this, _1));
     endpoint.set_close_handler(std::bind(&WebsocketServer::closeHandler, this, _1));
     endpoint.set_message_handler(std::bind(&WebsocketServer::messageHandler, this, _1, _2));
@@ -63,6 +64,14 @@ WebsocketServer::~WebsocketServer()
         websocketpp::lib::error_code ignored;
         endpoint.stop_listening(ignored);
     }
+}
+
+void WebsocketServer::setAllowedOrigins(const QStringList& origins)
+{
+    allowedOrigins = OriginAllowList(origins);
+    if (!allowedOrigins.isEmpty())
+        TLOG_INFO() << "WebSocket connections from web pages accepted only for origins:"
+                    << allowedOrigins.origins().join(QStringLiteral(", "));
 }
 
 void WebsocketServer::start()
@@ -93,6 +102,24 @@ void WebsocketServer::sendTextMessage(ConnectionContext context, QString message
     }
     // websocketpp::exception (client gone, connection not open) is left to the caller,
     // which knows which client it was sending to.
+}
+
+bool WebsocketServer::validateHandler(websocketpp::connection_hdl hdl)
+{
+    // Without this any page open in a browser on this machine could read every badge shown.
+    if (allowedOrigins.isEmpty())
+        return true;
+    websocketpp::lib::error_code ec;
+    const Endpoint::connection_ptr connection = endpoint.get_con_from_hdl(hdl, ec);
+    if (!connection)
+        return false;
+    // get_origin() also knows the header name of the older protocol drafts.
+    const QString origin = QString::fromStdString(connection->get_origin());
+    if (allowedOrigins.allows(origin))
+        return true;
+    TLOG_WARN() << "Refused WebSocket connection from origin" << origin;
+    connection->set_status(websocketpp::http::status_code::forbidden);
+    return false;
 }
 
 void WebsocketServer::openHandler(websocketpp::connection_hdl hdl)

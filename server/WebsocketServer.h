@@ -1,9 +1,11 @@
 #pragma once
 
 #include "ConnectionContext.h"
+#include "OriginAllowList.h"
 
 #include <QObject>
 #include <QString>
+#include <QStringList>
 
 #include <websocketpp/config/asio.hpp>
 #include <websocketpp/server.hpp>
@@ -29,6 +31,10 @@ public:
                     const QString& logpath, QObject* parent);
     ~WebsocketServer() override;
 
+    // Web pages that may connect, by origin; others are refused with HTTP 403. Empty (the
+    // default) lets every origin in. Call before start(), on the polling thread.
+    void setAllowedOrigins(const QStringList& origins);
+
     void start();
     void poll();
     void stop();
@@ -43,6 +49,7 @@ public slots:
     void sendTextMessage(ConnectionContext context, QString message);
 
 private:
+    bool validateHandler(websocketpp::connection_hdl hdl);
     void openHandler(websocketpp::connection_hdl hdl);
     void closeHandler(websocketpp::connection_hdl hdl);
     void messageHandler(websocketpp::connection_hdl hdl, message_ptr msg);
@@ -58,4 +65,5 @@ private:
     QString certFile;
     QString keyFile;
     QString logPath;
+    OriginAllowList allowedOrigins;
 };

@@ -3,6 +3,8 @@
 #include "ServiceProcess.h"
 
 #include "FreePort.h"
+#include "TestCertificate.h"
+#include "TestWsClient.h"
 
 #include <QDir>
 #include <QFile>
@@ -12,8 +14,12 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -25,29 +31,24 @@ class ServiceProcessTest : public ::testing::Test
 protected:
     void SetUp() override
     {
-        // The endpoint reads these per connection; they only have to exist for a start.
-        certFile = service.dir() + QStringLiteral("/cert.pem");
-        keyFile = service.dir() + QStringLiteral("/key.pem");
-        touch(certFile);
-        touch(keyFile);
-        service.writeSettings({{QStringLiteral("port"), TestSupport::findFreePorts()},
+        certFile = certificate.certFile();
+        keyFile = certificate.keyFile();
+        port = TestSupport::findFreePorts();
+        service.writeSettings({{QStringLiteral("port"), port},
                                {QStringLiteral("certfile"), certFile},
                                {QStringLiteral("keyfile"), keyFile}});
-    }
-
-    static void touch(const QString& path)
-    {
-        QFile file(path);
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
     }
 
     void startAndWaitUntilServing()
     {
         ASSERT_TRUE(service.start());
-        ASSERT_TRUE(service.waitForLog(QStringLiteral("Tiv RFID WebSocket Service starting.")));
+        // Serving, with the monitor waiting for a PC/SC service that never comes.
+        ASSERT_TRUE(service.waitForLog(QStringLiteral("No PCSC running, starting monitor thread.")));
     }
 
+    TestCertificate certificate;
     ServiceProcess service;
+    quint16 port = 0;
     QString certFile;
     QString keyFile;
 };
@@ -99,13 +100,50 @@ TEST_F(ServiceProcessTest, SigintStopsWithStatusZeroAndWritesTheFourKeys)
     EXPECT_EQ(service.readSettings().size(), 4);
 }
 
-TEST_F(ServiceProcessTest, MissingCertificateEndsTheServiceWithStatusZero)
+TEST_F(ServiceProcessTest, StartFailuresEndTheServiceWithStatusZero)
 {
-    QFile::remove(certFile);
+    service.writeSettings({{QStringLiteral("certfile"), service.dir() + QStringLiteral("/missing.pem")}});
     ASSERT_TRUE(service.start());
     ASSERT_TRUE(service.waitForExit());
     EXPECT_EQ(service.exitCode(), 0);
     EXPECT_TRUE(service.appLog().contains(QStringLiteral("Unable to load certificate or key.")));
+
+    ServiceProcess portTaken;
+    portTaken.writeSettings({{QStringLiteral("port"), port},
+                             {QStringLiteral("certfile"), certFile},
+                             {QStringLiteral("keyfile"), keyFile}});
+    const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(::listen(listener, 1), 0);
+    ASSERT_TRUE(portTaken.start());
+    ASSERT_TRUE(portTaken.waitForExit());
+    ::close(listener);
+    EXPECT_EQ(portTaken.exitCode(), 0);
+    EXPECT_TRUE(portTaken.appLog().contains(QStringLiteral("Could not create server:"))) << portTaken.appLog().toStdString();
+}
+
+TEST_F(ServiceProcessTest, AllowedOriginsSettingRefusesOtherPages)
+{
+    service.writeSettings({{QStringLiteral("allowedorigins"), QStringLiteral("https://kiosk.example")}});
+    startAndWaitUntilServing();
+
+    TestWsClient foreign;
+    foreign.setOrigin(QStringLiteral("https://elsewhere.example"));
+    EXPECT_FALSE(foreign.connect(port));
+    EXPECT_EQ(foreign.httpStatus(), 403);
+
+    TestWsClient kiosk;
+    kiosk.setOrigin(QStringLiteral("https://kiosk.example"));
+    EXPECT_TRUE(kiosk.connect(port)) << kiosk.lastError().toStdString();
+
+    service.sendSignal(SIGTERM);
+    ASSERT_TRUE(service.waitForExit());
+    EXPECT_EQ(service.readSettings().value(QStringLiteral("service/allowedorigins")).toString(),
+              QStringLiteral("https://kiosk.example"));
 }
 
 // Finds the process whose environment carries `marker`; 0 if there is none.
@@ -151,6 +189,14 @@ TEST_F(ServiceProcessTest, DaemonDetachesIntoTheRootDirectoryWithNullStdio)
     ASSERT_TRUE(status.open(QIODevice::ReadOnly));
     EXPECT_TRUE(status.readAll().contains("Umask:\t0000"));
     EXPECT_NE(::getsid(daemonPid), ::getsid(0)) << "the daemon leads a session of its own";
+
+    // Without PC/SC the detached service still serves, greeting with the version alone.
+    ASSERT_TRUE(service.waitForLog(QStringLiteral("No PCSC running, starting monitor thread.")));
+    TestWsClient client;
+    ASSERT_TRUE(client.connect(port)) << client.lastError().toStdString();
+    const std::optional<QString> greeting = client.nextMessage();
+    ASSERT_TRUE(greeting.has_value());
+    EXPECT_TRUE(greeting->contains(QStringLiteral("\"version\": \"0.25\""))) << greeting->toStdString();
 
     ::kill(daemonPid, SIGTERM);
     int daemonStatus = -1;

@@ -1,6 +1,8 @@
 #include "Settings.h"
 
 #include <QCoreApplication>
+#include <QDir>
+#include <QFileInfo>
 #include <QSettings>
 #include <QTemporaryDir>
 
@@ -88,6 +90,31 @@ TEST_F(SettingsTest, PortIsCutToSixteenBitsAndGarbageReadsAsZero)
     settings.LoadSettings();
     EXPECT_EQ(settings.GetPort(), 0);
     EXPECT_EQ(settings.GetLogLevel(), 0);
+}
+
+TEST_F(SettingsTest, AllowedOriginsAreReadAsAListAndNeverWritten)
+{
+    settings.LoadSettings();
+    EXPECT_TRUE(settings.GetAllowedOrigins().isEmpty());
+
+    QDir().mkpath(QFileInfo(settingsFile()).path());
+    QFile file(settingsFile());
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write("[service]\nallowedorigins=https://kiosk.example, http://localhost:8080\n");
+    file.close();
+    settings.LoadSettings();
+    EXPECT_EQ(settings.GetAllowedOrigins().join('|').toStdString(), "https://kiosk.example|http://localhost:8080");
+
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write("[service]\nallowedorigins=\"https://a.example,https://b.example\"\n");
+    file.close();
+    settings.LoadSettings();
+    EXPECT_EQ(settings.GetAllowedOrigins().join('|').toStdString(), "https://a.example|https://b.example");
+
+    settings.SaveSettings();
+    EXPECT_EQ(QSettings(settingsFile(), QSettings::IniFormat).value("service/allowedorigins").toString().toStdString(),
+              "https://a.example,https://b.example")
+        << "kept as the administrator wrote it";
 }
 
 TEST(SettingsLocation, SystemDirectoryFollowsXdgConfigDirs)

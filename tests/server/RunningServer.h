@@ -6,6 +6,7 @@
 #include "TestCertificate.h"
 
 #include <QCoreApplication>
+#include <QStringList>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QThread>
@@ -45,6 +46,7 @@ protected:
             port = TestSupport::findFreePorts();
             auto candidate = std::make_unique<ServerThread>(port, cert.certFile(), cert.keyFile(),
                                                             logPrefix(), nullptr);
+            candidate->setAllowedOrigins(allowedOrigins);
             QObject::connect(candidate.get(), &ServerThread::onClientConnected,
                              [this](ConnectionContext context) {
                                  announced.push_back(context);
@@ -75,6 +77,9 @@ protected:
         return waitUntil([&] { return announced.size() >= count; });
     }
 
+    // Fixtures that restrict origins set this in their constructor; the service always passes
+    // its setting on, so the empty list is what most tests run with.
+    QStringList allowedOrigins;
     TestCertificate cert;
     QTemporaryDir logDir;
     quint16 port = 0;

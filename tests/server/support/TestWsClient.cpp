@@ -91,8 +91,10 @@ struct TestWsClient::Impl
         Client::connection_ptr con = endpoint.get_con_from_hdl(hdl, ec);
         const QByteArray fingerprint = con ? certificateSha256(con->get_socket().native_handle())
                                            : QByteArray();
+        const int status = con ? con->get_response_code() : 0;
         std::lock_guard<std::mutex> lock(mutex);
         peerSha256 = fingerprint;
+        responseStatus = status;
         state = State::Open;
         changed.notify_all();
     }
@@ -102,8 +104,10 @@ struct TestWsClient::Impl
         websocketpp::lib::error_code ec;
         Client::connection_ptr con = endpoint.get_con_from_hdl(hdl, ec);
         const QString reason = con ? QString::fromStdString(con->get_ec().message()) : QString();
+        const int status = con ? con->get_response_code() : 0;
         std::lock_guard<std::mutex> lock(mutex);
         error = reason;
+        responseStatus = status;
         state = end;
         changed.notify_all();
     }
@@ -145,11 +149,19 @@ struct TestWsClient::Impl
     std::deque<QString> messages;
     QByteArray peerSha256;
     QString error;
+    QString origin;
+    int responseStatus = 0;
 };
 
 TestWsClient::TestWsClient(TlsVersion tls) : d(std::make_unique<Impl>(tls)) {}
 
 TestWsClient::~TestWsClient() = default;
+
+void TestWsClient::setOrigin(const QString& origin)
+{
+    std::lock_guard<std::mutex> lock(d->mutex);
+    d->origin = origin;
+}
 
 bool TestWsClient::connect(quint16 port, int timeoutMs)
 {
@@ -165,6 +177,8 @@ bool TestWsClient::connect(quint16 port, int timeoutMs)
             d->state = State::Failed;
             return false;
         }
+        if (!d->origin.isEmpty())
+            d->connection->replace_header("Origin", d->origin.toStdString());
         d->state = State::Connecting;
     }
     d->onIoThread([this](Client::connection_ptr con) { d->endpoint.connect(con); });
@@ -227,6 +241,12 @@ QByteArray TestWsClient::peerCertificateSha256() const
 {
     std::lock_guard<std::mutex> lock(d->mutex);
     return d->peerSha256;
+}
+
+int TestWsClient::httpStatus() const
+{
+    std::lock_guard<std::mutex> lock(d->mutex);
+    return d->responseStatus;
 }
 
 QString TestWsClient::lastError() const

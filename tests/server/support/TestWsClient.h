@@ -19,6 +19,8 @@ public:
     TestWsClient(const TestWsClient&) = delete;
     TestWsClient& operator=(const TestWsClient&) = delete;
 
+    // Sends this Origin header with the handshake, as a browser would; none by default.
+    void setOrigin(const QString& origin);
     // True once the WebSocket is open; false when the connection failed or took too long.
     bool connect(quint16 port, int timeoutMs = 15000);
     // The next received text message, in arrival order.
@@ -30,6 +32,9 @@ public:
 
     // SHA-256 of the DER certificate the server presented; empty before the connection is open.
     QByteArray peerCertificateSha256() const;
+    // HTTP status of the server's handshake answer: 101 once open, e.g. 403 when refused,
+    // 0 when none arrived (a failed TLS handshake).
+    int httpStatus() const;
     // Why the connection failed or closed, as the library put it.
     QString lastError() const;
 

@@ -1,0 +1,10 @@
+#include "CardClock.h"
+
+namespace CardClock {
+
+QDateTime currentDateTimeUtc()
+{
+    return QDateTime::currentDateTimeUtc();
+}
+
+} // namespace CardClock

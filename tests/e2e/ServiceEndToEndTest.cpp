@@ -1,0 +1,205 @@
+// The built service as a black box on a private PC/SC stack: a pcscd with the virtual reader
+// pair, virtual cards, and real TLS WebSocket clients.
+#include "CardPersonality.h"
+#include "FreePort.h"
+#include "HexBytes.h"
+#include "PrivatePcscd.h"
+#include "ServiceProcess.h"
+#include "TestCertificate.h"
+#include "TestWsClient.h"
+#include "VirtualCard.h"
+
+#include <QDir>
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <memory>
+
+namespace {
+
+using VirtualCards::CardPersonality;
+using VirtualCards::VirtualCard;
+using VirtualCards::parseHex;
+
+// A refresh of the reader list comes every 16 s or so, a retry for PC/SC every 15 s; a loaded
+// two-core machine needs room on top of both.
+constexpr int eventTimeoutMs = 45000;
+
+std::string tagText(const QString& id)
+{
+    return QStringLiteral("{\n    \"error\": null,\n    \"tag_id\": \"%1\",\n    \"type\": \"TAG\"\n}\n")
+        .arg(id).toStdString();
+}
+
+std::string smartCardText(const QString& id)
+{
+    return QStringLiteral("{\n    \"error\": null,\n    \"tag_id\": \"%1\",\n    \"type\": \"SC\"\n}\n")
+        .arg(id).toStdString();
+}
+
+std::string readerText(const QString& name, bool connected)
+{
+    return QStringLiteral("{\n    \"error\": null,\n    \"event\": \"%1\",\n    \"name\": \"%2\",\n"
+                          "    \"type\": \"READER\"\n}\n")
+        .arg(connected ? QStringLiteral("CONNECTED") : QStringLiteral("DISCONNECTED"), name)
+        .toStdString();
+}
+
+const std::string versionText = "{\n    \"error\": null,\n    \"type\": \"VERSION\",\n    \"version\": \"0.25\"\n}\n";
+
+std::string next(TestWsClient& client, int timeoutMs = eventTimeoutMs)
+{
+    const std::optional<QString> message = client.nextMessage(timeoutMs);
+    return message ? message->toStdString() : std::string("<nothing>");
+}
+
+int countEntries(const QString& path)
+{
+    return QDir(path).entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System).size();
+}
+
+class ServiceEndToEnd : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        port = TestSupport::findFreePorts();
+        service.writeSettings({{QStringLiteral("port"), port},
+                               {QStringLiteral("certfile"), certificate.certFile()},
+                               {QStringLiteral("keyfile"), certificate.keyFile()}});
+    }
+
+    void startPcscd()
+    {
+        ASSERT_TRUE(pcscd.start()) << pcscd.lastError().toStdString();
+        service.setEnvironment(QStringLiteral("PCSCLITE_CSOCK_NAME"), pcscd.socketPath());
+    }
+
+    // Starts the service and waits until both virtual readers have been listed.
+    void startServiceWithReaders()
+    {
+        ASSERT_TRUE(service.start());
+        ASSERT_TRUE(waitUntil([&] { return service.countInLog(QStringLiteral("Reader connected:")) >= 2; },
+                              eventTimeoutMs))
+            << service.appLog().toStdString();
+    }
+
+    std::unique_ptr<TestWsClient> connectClient()
+    {
+        auto client = std::make_unique<TestWsClient>();
+        EXPECT_TRUE(client->connect(port)) << client->lastError().toStdString();
+        return client;
+    }
+
+    void expectReaderGreeting(TestWsClient& client)
+    {
+        EXPECT_EQ(next(client), readerText(pcscd.readerName(0), true));
+        EXPECT_EQ(next(client), readerText(pcscd.readerName(1), true));
+        EXPECT_EQ(next(client), versionText);
+    }
+
+    std::unique_ptr<VirtualCard> layOn(int reader, CardPersonality personality)
+    {
+        auto card = std::make_unique<VirtualCard>(std::move(personality));
+        EXPECT_TRUE(card->layOn(pcscd.vpcdPort(reader))) << card->lastError();
+        return card;
+    }
+
+    static CardPersonality tag(const std::string& uid) { return CardPersonality::rfidTag(*parseHex(uid)); }
+
+    void stopService(int signalNumber)
+    {
+        service.sendSignal(signalNumber);
+        ASSERT_TRUE(service.waitForExit());
+        EXPECT_EQ(service.exitStatus(), QProcess::NormalExit);
+        EXPECT_EQ(service.exitCode(), 0);
+    }
+
+    TestSupport::PrivatePcscd pcscd;
+    TestCertificate certificate;
+    ServiceProcess service;
+    quint16 port = 0;
+};
+
+TEST_F(ServiceEndToEnd, ClientsAreGreetedAndEveryCardReachesEveryClient)
+{
+    startPcscd();
+    startServiceWithReaders();
+
+    auto first = connectClient();
+    expectReaderGreeting(*first);
+    auto second = connectClient();
+    expectReaderGreeting(*second);
+
+    // The first client's next message is the tag, so nothing of the second greeting leaked.
+    auto tagCard = layOn(0, tag("04a10b7f"));
+    EXPECT_EQ(next(*first), tagText(QStringLiteral("04a10b7f")));
+    EXPECT_EQ(next(*second), tagText(QStringLiteral("04a10b7f")));
+    tagCard->takeAway();
+
+    auto acos = layOn(1, CardPersonality::acosCard(*parseHex("0102030405060708")));
+    EXPECT_EQ(next(*first), smartCardText(QStringLiteral("0102030405060708")));
+    EXPECT_EQ(next(*second), smartCardText(QStringLiteral("0102030405060708")));
+
+    // Left on the reader, the card is read again after the next refresh of the reader list.
+    EXPECT_EQ(next(*first), smartCardText(QStringLiteral("0102030405060708")));
+    EXPECT_EQ(next(*second), smartCardText(QStringLiteral("0102030405060708")));
+
+    stopService(SIGTERM);
+    EXPECT_EQ(service.readSettings().value(QStringLiteral("service/port")).toInt(), port);
+}
+
+TEST_F(ServiceEndToEnd, ServiceStartedBeforePcscdDeliversCardsOnceItComesUp)
+{
+    startPcscd();
+    pcscd.kill();
+    ASSERT_TRUE(service.start());
+    ASSERT_TRUE(service.waitForLog(QStringLiteral("No PCSC running, starting monitor thread.")));
+
+    auto client = connectClient();
+    EXPECT_EQ(next(*client), versionText) << "without PC/SC the greeting is the version alone";
+
+    ASSERT_TRUE(pcscd.restart()) << pcscd.lastError().toStdString();
+    EXPECT_EQ(next(*client), readerText(pcscd.readerName(0), true));
+    EXPECT_EQ(next(*client), readerText(pcscd.readerName(1), true));
+
+    auto card = layOn(1, tag("deadbeef"));
+    EXPECT_EQ(next(*client), tagText(QStringLiteral("deadbeef")));
+
+    stopService(SIGINT);
+}
+
+TEST_F(ServiceEndToEnd, CardHandlingRecoversFromPcscdRestartsWithoutLeaking)
+{
+    startPcscd();
+    startServiceWithReaders();
+    auto client = connectClient();
+    expectReaderGreeting(*client);
+
+    const QString proc = QStringLiteral("/proc/%1/").arg(service.pid());
+    const int baselineThreads = countEntries(proc + QStringLiteral("task"));
+    const int baselineDescriptors = countEntries(proc + QStringLiteral("fd"));
+
+    for (int cycle = 1; cycle <= 3; ++cycle) {
+        SCOPED_TRACE(cycle);
+        pcscd.kill();
+        ASSERT_TRUE(waitUntil([&] {
+            return service.countInLog(QStringLiteral("Initializing card handling...")) > cycle;
+        }, eventTimeoutMs)) << "card handling was not restarted";
+        ASSERT_TRUE(pcscd.restart()) << pcscd.lastError().toStdString();
+
+        // The new card thread lists the readers afresh and broadcasts them.
+        EXPECT_EQ(next(*client), readerText(pcscd.readerName(0), true));
+        EXPECT_EQ(next(*client), readerText(pcscd.readerName(1), true));
+        const QString uid = QStringLiteral("0a0b0c0%1").arg(cycle);
+        auto card = layOn(0, tag(uid.toStdString()));
+        EXPECT_EQ(next(*client), tagText(uid));
+    }
+
+    EXPECT_EQ(countEntries(proc + QStringLiteral("task")), baselineThreads);
+    EXPECT_EQ(countEntries(proc + QStringLiteral("fd")), baselineDescriptors);
+    stopService(SIGTERM);
+}
+
+} // namespace

@@ -1,0 +1,36 @@
+#!/usr/bin/env bash
+# A staged `cmake --install` lays out a complete, self-consistent system service.
+source "$(dirname "$0")/lib.sh"
+
+# Not /usr: a path written for one prefix only shows up here.
+prefix=/opt/tiv-test
+root="$tmp/root"
+install_tree() { DESTDIR="$root" cmake --install "$build_dir" --prefix "$prefix" >"$tmp/install.log"; }
+install_tree || { cat "$tmp/install.log"; exit 1; }
+bin="$root$prefix/bin"
+unit="$root$prefix/lib/systemd/system/$unit_name"
+settings="$root/$settings_rel"
+
+check "binary and certificate helper are executable" \
+  test -x "$bin/tiv-rfid-svc" -a -x "$bin/tiv-rfid-svc-ensure-certificate"
+check "log directory exists" test -d "$root/var/log/tiv-rfid-svc"
+for line in "ExecStart=$prefix/bin/tiv-rfid-svc" Wants=pcscd.socket After=pcscd.socket \
+            Restart=on-failure WantedBy=multi-user.target; do
+  check "unit: $line" has_line "$unit" "$line"
+done
+check "unit: no daemon option, systemd supervises the process" lacks "$unit" "--daemon"
+check "systemd-analyze accepts the unit" verify_unit "$unit" "$root"
+
+check "settings: port" has_line "$settings" "port=8036"
+check "settings: log directory" has_line "$settings" "logpath=/var/log/tiv-rfid-svc/"
+cert="$(sed -n 's/^certfile=//p' "$settings")"
+key="$(sed -n 's/^keyfile=//p' "$settings")"
+check "settings: absolute certificate and key" test "${cert:0:1}${key:0:1}" = "//"
+# The start-up helper must create exactly the files the service is told to read.
+check "unit creates the certificate the settings name" \
+  has_line "$unit" "ExecStartPre=$prefix/bin/tiv-rfid-svc-ensure-certificate $cert $key"
+
+echo "loglevel=3" >>"$settings"
+install_tree
+check "reinstall keeps edited settings" has_line "$settings" "loglevel=3"
+finish
