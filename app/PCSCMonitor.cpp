@@ -12,7 +12,7 @@ void PCSCMonitor::process()
     {
         // A stop that came before the thread got here must not be forgotten, or shut-down
         // would wait for a loop that never ends.
-        QMutexLocker lock(&mutex);
+        std::lock_guard<std::mutex> lock(mutex);
         running = !stopped;
     }
     if (!attempt)
@@ -22,22 +22,21 @@ void PCSCMonitor::process()
         if (attempt())
             return;
         // A stop wakes the pause early instead of letting shut-down wait out the interval.
-        QMutexLocker lock(&mutex);
-        if (running)
-            stopRequested.wait(&mutex, retryIntervalMs);
+        std::unique_lock<std::mutex> lock(mutex);
+        stopRequested.wait_for(lock, retryInterval, [this] { return !running; });
     }
 }
 
 void PCSCMonitor::stop()
 {
-    QMutexLocker lock(&mutex);
+    std::lock_guard<std::mutex> lock(mutex);
     running = false;
     stopped = true;
-    stopRequested.wakeAll();
+    stopRequested.notify_all();
 }
 
 bool PCSCMonitor::isRunning()
 {
-    QMutexLocker lock(&mutex);
+    std::lock_guard<std::mutex> lock(mutex);
     return running;
 }

@@ -1,10 +1,10 @@
 #pragma once
 
-#include <QMutex>
 #include <QObject>
-#include <QWaitCondition>
 
+#include <condition_variable>
 #include <functional>
+#include <mutex>
 
 // Retries one card-handling attempt on its own thread until it succeeds or the monitor is
 // stopped, so the service can start before the PC/SC service does.
@@ -13,7 +13,7 @@ class PCSCMonitor : public QObject
     Q_OBJECT
 
 public:
-    static constexpr unsigned long retryIntervalMs = 15000;
+    static constexpr std::chrono::seconds retryInterval{15};
 
     PCSCMonitor(std::function<bool()> attempt, QObject* parent = nullptr);
     ~PCSCMonitor() override;
@@ -26,8 +26,9 @@ private:
     bool isRunning();
 
     std::function<bool()> attempt;
-    QMutex mutex;
+    // Standard locks rather than Qt's: the thread sanitizer sees through these.
+    std::mutex mutex;
     bool running;
     bool stopped;
-    QWaitCondition stopRequested;
+    std::condition_variable stopRequested;
 };

@@ -2,6 +2,7 @@
 
 #include "PCSCMonitor.h"
 #include "Settings.h"
+#include "ThreadJoin.h"
 
 #include "ReaderCommand.h"
 #include "SCCommand.h"
@@ -38,7 +39,12 @@ bool isFatalCardError(unsigned int code)
 
 WebSocketServiceCommon::WebSocketServiceCommon(QObject* parent) : QObject(parent) {}
 
-WebSocketServiceCommon::~WebSocketServiceCommon() = default;
+// Runs at process end, after stop(): the stopped server thread goes last so that its endpoint
+// and the connections it still holds are released rather than abandoned.
+WebSocketServiceCommon::~WebSocketServiceCommon()
+{
+    delete serverThread;
+}
 
 bool WebSocketServiceCommon::start()
 {
@@ -92,12 +98,13 @@ void WebSocketServiceCommon::initCardHandling()
     pcscMonitor = new PCSCMonitor(attempt, nullptr);
     pcscMonitor->moveToThread(monitorThread);
     connect(monitorThread, &QThread::started, pcscMonitor, &PCSCMonitor::process);
+    ThreadJoin::announceEnd(monitorThread);
     monitorThread->start();
 }
 
 bool WebSocketServiceCommon::attemptCardHandling()
 {
-    QMutexLocker lock(&mutex);
+    std::lock_guard<std::mutex> lock(mutex);
     if (!cardObject->Initialize())
         return false;
 
@@ -123,6 +130,7 @@ bool WebSocketServiceCommon::attemptCardHandling()
     connect(cardThread, &QThread::started, cardObject, &SmartCardController::process);
     connect(cardThread, &QThread::finished, cardThread, [] { qDebug() << "Card thread finished."; },
             Qt::DirectConnection);
+    ThreadJoin::announceEnd(cardThread);
     cardThread->start();
     return true;
 }
@@ -167,10 +175,11 @@ void WebSocketServiceCommon::cardReaderError(unsigned int code, QString message)
 // Ends a monitor left from an earlier attempt, so restarts never pile up threads.
 void WebSocketServiceCommon::stopMonitor()
 {
-    if (monitorThread && monitorThread->isRunning()) {
+    // A monitor whose retry succeeded has already ended its thread; waiting is then immediate.
+    if (monitorThread) {
         pcscMonitor->stop();
         monitorThread->quit();
-        monitorThread->wait();
+        ThreadJoin::wait(monitorThread);
     }
     delete pcscMonitor;
     pcscMonitor = nullptr;
@@ -182,11 +191,11 @@ void WebSocketServiceCommon::stopMonitor()
 // controller can be deleted here directly: a deferred delete would never run.
 void WebSocketServiceCommon::stopCardThread()
 {
-    QMutexLocker lock(&mutex);
+    std::lock_guard<std::mutex> lock(mutex);
     if (cardThread) {
         cardObject->stop();
         cardThread->quit();
-        cardThread->wait();
+        ThreadJoin::wait(cardThread);
     }
     delete cardObject;
     cardObject = nullptr;

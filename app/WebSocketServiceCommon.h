@@ -2,9 +2,10 @@
 
 #include "ConnectionContext.h"
 
-#include <QMutex>
 #include <QObject>
 #include <QString>
+
+#include <mutex>
 
 class PCSCMonitor;
 class QJsonObject;
@@ -46,5 +47,7 @@ private:
     QThread* cardThread = nullptr;
     PCSCMonitor* pcscMonitor = nullptr;
     QThread* monitorThread = nullptr;
-    QMutex mutex;
+    // Serialises a card-handling attempt against the stop sequence. A standard lock, because
+    // the thread sanitizer cannot see through Qt's.
+    std::mutex mutex;
 };

@@ -10,6 +10,7 @@ packages=(
   libpcsclite-dev pcscd vsmartcard-vpcd
   libgtest-dev
   util-linux procps
+  chromium
 )
 
 missing=()

@@ -3,74 +3,52 @@
 #include "CardEventLog.h"
 #include "FakePcsc.h"
 #include "LogCapture.h"
-#include "SmartCardController.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cctype>
+#include <iterator>
 #include <memory>
 
-// Runs the monitor loop on the test's own thread against the scripted PC/SC stack;
-// the loop ends when the script is used up, as after a stop.
-class FakeStackTest : public ::testing::Test
+using Lines = std::vector<std::string>;
+
+const std::string cancelled = "error 80100002 The action was canceled by an SCardCancel request.";
+
+// Runs the monitor loop on the test's own thread against the scripted PC/SC stack; the loop
+// ends when the script is used up, as after a stop. Signals go into the stack's journal, so
+// they show up between the calls that caused them.
+class FakeStack : public ::testing::Test
 {
 protected:
-    static const QString& cancelled()
-    {
-        static const QString text = QStringLiteral("error 80100002 The action was canceled by an SCardCancel request.");
-        return text;
-    }
+    void SetUp() override { start(); }
 
-    static FakePcsc::Step then(std::function<void()> action)
+    // A fresh stack and controller, whose context is established or fails with `establish`.
+    void start(LONG establish = SCARD_S_SUCCESS)
     {
-        return [action]() -> std::optional<LONG> {
-            action();
-            return std::nullopt;
-        };
-    }
-
-    void SetUp() override
-    {
-        FakePcsc::reset();
+        controller.reset(); // releases its context on the old stack
         LogCapture::instance().clear();
+        FakePcsc::stack = FakePcsc::Stack();
+        if (establish != SCARD_S_SUCCESS)
+            FakePcsc::stack.failures["Establish"] = establish;
         controller = std::make_unique<SmartCardController>();
-        events = std::make_unique<CardEventLog>(controller.get(), [](const CardEventLog::Event& event) {
-            FakePcsc::note(event.toString().toStdString());
-        });
-        ASSERT_TRUE(controller->Initialize());
+        events = std::make_unique<CardEventLog>(
+            controller.get(), [](const QString& line) { FakePcsc::stack.journal.push_back(line.toStdString()); });
+        EXPECT_EQ(controller->Initialize(), establish == SCARD_S_SUCCESS);
     }
 
-    QStringList run()
+    // The signals and the test's notes, in order: the journal without the PC/SC calls, which
+    // are capitalised.
+    Lines run()
     {
         controller->process();
-        return events->summary();
-    }
-
-    // What the loop reported about cards: reader announcements and the final cancel left out.
-    QStringList cardEvents() const
-    {
-        QStringList lines;
-        for (const QString& line : events->summary()) {
-            if (!line.startsWith(QLatin1String("connect ")) && line != cancelled())
-                lines << line;
-        }
+        Lines lines;
+        std::copy_if(FakePcsc::stack.journal.begin(), FakePcsc::stack.journal.end(), std::back_inserter(lines),
+                     [](const std::string& entry) { return !std::isupper(static_cast<unsigned char>(entry[0])); });
         return lines;
     }
 
-    // The PC/SC calls of card reading, with the signals noted where they were emitted.
-    static std::vector<std::string> readSequence()
-    {
-        std::vector<std::string> sequence;
-        bool reading = false;
-        for (const std::string& entry : FakePcsc::journal()) {
-            if (entry.rfind("Connect ", 0) == 0)
-                reading = true;
-            if (entry == "Cancel" || entry == "ListReaders" || entry.rfind("error 80100002", 0) == 0)
-                reading = false;
-            if (reading)
-                sequence.push_back(entry);
-        }
-        return sequence;
-    }
+    static bool logged(const QStringList& fragments) { return LogCapture::instance().contains(fragments); }
 
     std::unique_ptr<SmartCardController> controller;
     std::unique_ptr<CardEventLog> events;

@@ -1,189 +1,125 @@
 #include "FakeStackFixture.h"
 
-#include <algorithm>
-
 namespace {
 
 using namespace FakePcsc;
 
-using MonitorLoop = FakeStackTest;
+using MonitorLoop = FakeStack;
 
-const std::vector<DWORD> twoUnaware = {SCARD_STATE_UNAWARE, SCARD_STATE_UNAWARE};
-
-ptrdiff_t journalIndex(const std::string& entry, size_t occurrence = 1)
+// Past the refresh interval: the current wait's records are dropped and the readers listed again.
+void passRefreshInterval()
 {
-    const std::vector<std::string> journal = FakePcsc::journal();
-    size_t seen = 0;
-    for (size_t i = 0; i < journal.size(); ++i) {
-        if (journal[i] == entry && ++seen == occurrence)
-            return static_cast<ptrdiff_t>(i);
-    }
-    return -1;
+    stack.clockSeconds += 16;
 }
 
-TEST_F(MonitorLoop, AnnouncesReadersInListingOrderAndKeepsTheLastListing)
+TEST_F(MonitorLoop, ReportsNewReadersBeforeLostOnesInListingOrderAndIgnoresReordering)
 {
-    setReaders({"Reader B", "Reader A"});
-    addWaitSteps(1);
+    stack.readers = {"B", "A"};
+    stack.script.push_back([] {
+        stack.readers = {"C", "A", "D"};
+        stack.cards["D"] = tag({0x0D});
+        passRefreshInterval();
+    });
+    stack.script.push_back([] { stack.readers = {"D", "C", "A"}; passRefreshInterval(); });
+    stack.addWaitSteps(1);
 
-    EXPECT_EQ(run(), QStringList({"connect Reader B", "connect Reader A", cancelled()}));
+    // The card on a new reader shows that its record is watched.
+    EXPECT_EQ(run(), (Lines{"connect B", "connect A", "connect C", "connect D", "disconnect B", "rfid 0d", cancelled}));
     // The listing outlives the loop: clients that connect later still get it.
-    EXPECT_EQ(controller->GetReaders(), QVector<QString>({"Reader B", "Reader A"}));
-
-    const std::vector<Wait> calls = waits();
-    ASSERT_FALSE(calls.empty());
-    EXPECT_EQ(calls[0].readers, (std::vector<std::string>{"Reader B", "Reader A"}));
-    EXPECT_EQ(calls[0].currentStates, twoUnaware);
-    EXPECT_TRUE(LogCapture::instance().hasLine({"Reader connected:", "Reader B"}));
-    EXPECT_TRUE(LogCapture::instance().hasLine(
-        {"SCardGetStatusChange returned:", "-2146435070", "The action was canceled by an SCardCancel request."}));
-}
-
-TEST_F(MonitorLoop, RefreshReportsNewReadersBeforeLostOnesAndIgnoresReordering)
-{
-    setReaders({"A", "B"});
-    addWaitStep(then([] {
-        setReaders({"C", "A", "D"});
-        advanceClock(16);
-    }));
-    addWaitStep(then([] {
-        setReaders({"D", "C", "A"});
-        advanceClock(16);
-    }));
-    addWaitSteps(1);
-
-    EXPECT_EQ(run(), QStringList({"connect A", "connect B", "connect C", "connect D", "disconnect B", cancelled()}));
     EXPECT_EQ(controller->GetReaders(), QVector<QString>({"D", "C", "A"}));
-    EXPECT_TRUE(LogCapture::instance().hasLine({"Reader disconnected:", "B"}));
-
-    // Each refresh rebuilds the records from the new listing, all unaware again.
-    const std::vector<Wait> calls = waits();
-    ASSERT_GE(calls.size(), 3u);
-    EXPECT_EQ(calls[2].readers, (std::vector<std::string>{"D", "C", "A"}));
-    EXPECT_EQ(calls[2].currentStates, (std::vector<DWORD>{SCARD_STATE_UNAWARE, SCARD_STATE_UNAWARE, SCARD_STATE_UNAWARE}));
+    EXPECT_TRUE(logged({"Reader connected:", "\"C\""}));
+    EXPECT_TRUE(logged({"Reader disconnected:", "\"B\""}));
 }
 
 TEST_F(MonitorLoop, RefreshesOnlyOnceMoreThanFifteenSecondsHavePassed)
 {
-    setReaders({"A"});
-    addWaitStep(then([] {
-        setReaders({"A", "B"});
-        advanceClock(15);
-    }));
-    addWaitStep(then([] {
-        note("sixteen seconds");
-        advanceClock(1);
-    }));
-    addWaitSteps(1);
+    stack.readers = {"A"};
+    stack.script.push_back([] { stack.readers = {"A", "B"}; stack.clockSeconds += 15; });
+    stack.script.push_back([] { stack.journal.push_back("16 s"); stack.clockSeconds += 1; });
+    stack.addWaitSteps(1);
 
-    EXPECT_EQ(run(), QStringList({"connect A", "connect B", cancelled()}));
-    EXPECT_LT(journalIndex("sixteen seconds"), journalIndex("ListReaders", 2));
+    EXPECT_EQ(run(), (Lines{"connect A", "16 s", "connect B", cancelled}));
 }
 
-TEST_F(MonitorLoop, ArrivalInTheWaitDroppedByARefreshIsReadAfterItButRemovalIsLost)
+TEST_F(MonitorLoop, ReadsACardOnceWhileItLiesThereAgainAfterARefreshAndLosesWhatARefreshDrops)
 {
-    setReaders({"A"});
-    addWaitSteps(1);
-    addWaitStep(then([] {
-        layCard("A", tag({0x04, 0xA1, 0x0B, 0x7F}));
-        advanceClock(16);
-    }));
-    addWaitSteps(1);
-    addWaitStep(then([] {
-        removeCard("A");
-        advanceClock(16);
-    }));
-    addWaitSteps(1);
+    stack.readers = {"A", "B"};
+    stack.cards["A"] = tag({0x0A});
+    stack.addWaitSteps(2);                                                                // read once
+    stack.script.push_back(passRefreshInterval);
+    stack.addWaitSteps(1);                                                                // read again
+    stack.script.push_back([] { stack.cards.erase("A"); });                               // removed
+    stack.script.push_back([] { stack.cards["B"] = tag({0x0B}); passRefreshInterval(); }); // dropped...
+    stack.addWaitSteps(1);                                                                // ...read now
+    stack.script.push_back([] { stack.cards.erase("B"); passRefreshInterval(); });        // dropped, lost
+    stack.addWaitSteps(2);
 
-    EXPECT_EQ(run(), QStringList({"connect A", "rfid 04a10b7f", cancelled()}));
-    EXPECT_LT(journalIndex("ListReaders", 2), journalIndex("Connect A"));
+    EXPECT_EQ(run(), (Lines{"connect A", "connect B", "rfid 0a", "rfid 0a", "removed", "rfid 0b", cancelled}));
 }
 
-TEST_F(MonitorLoop, CardLeftOnAReaderIsReadAgainAfterEachRefreshAndItsRemovalReportedOnce)
+TEST_F(MonitorLoop, LooksOnlyAtRecordsMarkedChanged)
 {
-    setReaders({"A", "B"});
-    layCard("A", tag({0x04, 0xA1, 0x0B, 0x7F}));
-    addWaitSteps(2);
-    addWaitStep(then([] { advanceClock(16); }));
-    addWaitSteps(1);
-    addWaitStep(then([] { removeCard("A"); }));
-    addWaitSteps(1);
-    addWaitStep(then([] { layCard("B", tag({0x01})); }));
+    stack.readers = {"A"};
+    stack.cards["A"] = tag({0x01});
+    stack.eventOverrides["A"] = SCARD_STATE_PRESENT;
+    stack.addWaitSteps(1);
+    stack.script.push_back([] { stack.journal.push_back("second wait"); });
 
-    EXPECT_EQ(run(), QStringList({"connect A", "connect B", "rfid 04a10b7f", "rfid 04a10b7f", "removed", "rfid 01",
-                                  cancelled()}));
+    EXPECT_EQ(run(), (Lines{"connect A", "second wait", "rfid 01", cancelled}));
 }
 
-TEST_F(MonitorLoop, OnlyRecordsMarkedChangedAreLookedAt)
+TEST_F(MonitorLoop, ReaderListThatCannotBeHadCountsAsNoReaders)
 {
-    setReaders({"A"});
-    layCard("A", tag({0x01}));
-    overrideNextEventState("A", SCARD_STATE_PRESENT);
-    addWaitSteps(1);
-    addWaitStep(then([] { note("second wait"); }));
+    // The sizing call failing, the listing failing, and no reader at all.
+    for (const std::string failing : {"ListReaders", "ListNames", ""}) {
+        SCOPED_TRACE(failing);
+        start();
+        stack.readers = {"A"};
+        stack.script.push_back([failing] {
+            stack.failures[failing] = SCARD_F_COMM_ERROR;
+            stack.readers = failing.empty() ? std::vector<std::string>() : stack.readers;
+            passRefreshInterval();
+        });
+        stack.script.push_back([this, failing] {
+            stack.journal.push_back("published " + std::to_string(controller->GetReaders().size()));
+            stack.failures.erase(failing);
+            stack.readers = {"A"};
+            passRefreshInterval();
+        });
+        stack.addWaitSteps(1);
 
-    EXPECT_EQ(run(), QStringList({"connect A", "rfid 01", cancelled()}));
-    EXPECT_LT(journalIndex("second wait"), journalIndex("Connect A"));
-}
-
-TEST_F(MonitorLoop, WithoutReadersWaitsOnAnEmptyArrayAndFindsTheFirstReaderAtTheNextRefresh)
-{
-    setReaders({});
-    addWaitStep(then([] { setReaders({"A"}); }));
-    addWaitStep(then([] { advanceClock(16); }));
-    addWaitSteps(1);
-
-    EXPECT_EQ(run(), QStringList({"connect A", cancelled()}));
-    const std::vector<Wait> calls = waits();
-    ASSERT_GE(calls.size(), 3u);
-    EXPECT_EQ(calls[0].count, 0u);
-    EXPECT_TRUE(calls[0].arrayGiven);
-    EXPECT_EQ(calls[1].count, 0u);
-    EXPECT_EQ(calls[2].count, 1u);
+        EXPECT_EQ(run(), (Lines{"connect A", "disconnect A", "published 0", "connect A", cancelled}));
+    }
 }
 
 TEST_F(MonitorLoop, AFailedWaitEndsTheLoopWithItsCodeAndText)
 {
-    setReaders({"A"});
-    layCard("A", tag({0x01}));
-    addWaitStep([] { return std::optional<LONG>(SCARD_E_NO_SERVICE); });
-    addWaitSteps(1);
+    stack.readers = {"A"};
+    stack.failures["GetStatusChange"] = SCARD_E_NO_SERVICE;
+    stack.addWaitSteps(2);
 
-    EXPECT_EQ(run(), QStringList({"connect A", "error 8010001d The smart card resource manager is not running."}));
-    EXPECT_EQ(waits().size(), 1u);
-    EXPECT_TRUE(LogCapture::instance().hasLine(
-        {"SCardGetStatusChange returned:", "-2146435043", "The smart card resource manager is not running."}));
-    EXPECT_TRUE(LogCapture::instance().contains("SmartCardController::process terminating."));
+    EXPECT_EQ(run(), (Lines{"connect A", "error 8010001d The smart card resource manager is not running."}));
+    // Logs show the 32-bit code signed.
+    EXPECT_TRUE(logged({"SCardGetStatusChange returned:", "-2146435043", "resource manager is not running."}));
+    EXPECT_TRUE(logged({"SmartCardController::process terminating."}));
 }
 
-TEST_F(MonitorLoop, AWaitFailureWithoutTextIsReportedAsUndocumented)
+TEST_F(MonitorLoop, EndsAtOnceAfterAStopOrWithoutAContext)
 {
-    setReaders({"A"});
-    addWaitStep([] { return std::optional<LONG>(SCARD_E_NO_READERS_AVAILABLE); });
+    stack.readers = {"A"};
+    stack.addWaitSteps(1);
+    // A failing cancel or release is only logged: the stop holds all the same.
+    stack.failures = {{"Cancel", SCARD_E_INVALID_HANDLE}, {"Release", SCARD_E_INVALID_HANDLE}};
+    controller->stop();
+    EXPECT_EQ(run(), Lines{});
+    controller.reset();
+    EXPECT_EQ(stack.journal.back(), "Release");
 
-    EXPECT_EQ(run(), QStringList({"connect A", "error 8010002e Error is not documented."}));
-}
-
-TEST_F(MonitorLoop, AFailedListingCountsAsNoReaders)
-{
-    setReaders({"A", "B"});
-    addWaitStep(then([] {
-        failCall(Call::ListNames, SCARD_F_COMM_ERROR);
-        advanceClock(16);
-    }));
-    addWaitSteps(1);
-
-    EXPECT_EQ(run(), QStringList({"connect A", "connect B", "disconnect A", "disconnect B", cancelled()}));
-    EXPECT_TRUE(controller->GetReaders().isEmpty());
-}
-
-TEST_F(MonitorLoop, AFailedSizingCallCountsAsNoReaders)
-{
-    setReaders({"A"});
-    failCall(Call::ListSize, SCARD_E_NO_SERVICE);
-    addWaitSteps(1);
-
-    EXPECT_EQ(run(), QStringList({cancelled()}));
+    start(SCARD_E_NO_SERVICE);
+    stack.readers = {"A"};
+    stack.addWaitSteps(1);
+    EXPECT_EQ(run(), Lines{});
+    EXPECT_TRUE(logged({"Could not get PCSC context:", "-2146435043", "resource manager is not running."}));
 }
 
 } // namespace

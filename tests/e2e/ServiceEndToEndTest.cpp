@@ -113,7 +113,7 @@ protected:
         service.sendSignal(signalNumber);
         ASSERT_TRUE(service.waitForExit());
         EXPECT_EQ(service.exitStatus(), QProcess::NormalExit);
-        EXPECT_EQ(service.exitCode(), 0);
+        EXPECT_EQ(service.exitCode(), 0) << service.standardError().right(20000).toStdString();
     }
 
     TestSupport::PrivatePcscd pcscd;

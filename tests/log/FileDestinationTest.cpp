@@ -5,174 +5,144 @@
 #include <QTemporaryDir>
 #include <QTextCodec>
 
-#include <gtest/gtest.h>
+#include <map>
 
 namespace {
 
 using namespace Log;
+using Files = std::map<QString, QByteArray>;
 
 class FileDestinationTest : public ::testing::Test
 {
 protected:
-    QString path(const QString& name = "app.log") const { return dir.filePath(name); }
-    QByteArray local(const QString& name = "app.log") const { return path(name).toLocal8Bit(); }
-    QByteArray contents(const QString& name = "app.log") const { return readFile(path(name)); }
-    bool exists(const QString& name) const { return QFile::exists(path(name)); }
-    void createFile(const QString& name, const QByteArray& bytes) const
+    QByteArray local(const QString& name = "app.log") const { return dir.filePath(name).toLocal8Bit(); }
+    // The files in the directory with their contents; blocking directories are left out.
+    Files files(const QString& subdirectory = ".") const
     {
-        QFile file(path(name));
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(bytes);
+        Files found;
+        for (const QFileInfo& file : QDir(dir.filePath(subdirectory)).entryInfoList(QDir::Files))
+            found[file.fileName()] = readFile(file.filePath());
+        return found;
     }
-    // A non-empty directory can be neither deleted nor renamed over, even by root.
-    void createBlocker(const QString& name) const { ASSERT_TRUE(QDir(dir.path()).mkpath(name + "/keep")); }
-
-    DestinationPtr make(qint64 maxSize, int backups, LogRotationOption rotation = LogRotationEnabled,
-                        const QString& name = "app.log") const
+    void create(const Files& created, const QString& blocker = {}) const
     {
-        return DestinationFactory::MakeFileDestination(path(name), rotation, MaxSizeBytes(maxSize),
+        for (const auto& [name, bytes] : created) {
+            QFile file(dir.filePath(name));
+            ASSERT_TRUE(file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size());
+        }
+        // A non-empty directory can be neither deleted nor renamed over, even by root.
+        ASSERT_TRUE(blocker.isEmpty() || QDir(dir.path()).mkpath(blocker + "/keep"));
+    }
+    DestinationPtr make(qint64 maxSize, int backups, const QString& name = "app.log",
+                        LogRotationOption rotation = LogRotationEnabled) const
+    {
+        return DestinationFactory::MakeFileDestination(dir.filePath(name), rotation, MaxSizeBytes(maxSize),
                                                        MaxOldLogCount(backups));
     }
 
     QTemporaryDir dir;
 };
 
-void write(const DestinationPtr& destination, const QString& line) { destination->write(line, LevelInfo); }
-
-TEST_F(FileDestinationTest, RotatesOnlyOnceTheLimitIsExceeded)
+TEST_F(FileDestinationTest, RotationFollowsTheUtf8SizeAndKeepsAtMostTenBackupsInAnUnbrokenRun)
 {
-    auto destination = make(10, 5);
-    write(destination, "0123456789");
-    EXPECT_FALSE(exists("app.log.1"));
-    write(destination, "x");
-    EXPECT_EQ(contents("app.log.1"), "0123456789\n");
-    EXPECT_EQ(contents(), "x\n");
-}
-
-TEST_F(FileDestinationTest, ExistingFileIsKeptAndCountedWithRotationEmptiedWithout)
-{
-    createFile("app.log", QByteArray(70000, 'a'));
-    auto rotating = make(65536, 5);
-    EXPECT_EQ(contents().size(), 70000);
-    write(rotating, "first");
-    EXPECT_EQ(contents("app.log.1").size(), 70000);
-    EXPECT_EQ(contents(), "first\n");
-
-    auto plain = make(1, 5, LogRotationDisabled, "plain.log");
-    write(plain, "old");
-    plain = make(1, 5, LogRotationDisabled, "plain.log");
-    EXPECT_EQ(contents("plain.log"), "");
-    write(plain, "a");
-    write(plain, "b");
-    EXPECT_EQ(contents("plain.log"), "a\nb\n");
-    EXPECT_FALSE(exists("plain.log.1"));
-}
-
-TEST_F(FileDestinationTest, BackupShiftStopsAtTheFirstGap)
-{
-    createFile("app.log", "live\n");
-    createFile("app.log.1", "one\n");
-    createFile("app.log.3", "three\n");
-    write(make(0, 5), "x");
-    EXPECT_EQ(contents(), "x\n");
-    EXPECT_EQ(contents("app.log.1"), "live\n");
-    EXPECT_EQ(contents("app.log.2"), "one\n");
-    EXPECT_EQ(contents("app.log.3"), "three\n");
-    EXPECT_FALSE(exists("app.log.4"));
-}
-
-TEST_F(FileDestinationTest, BackupCountBounds)
-{
-    // With a limit of 0 every line rotates first, so line n ends up in backup (13 - n).
-    const struct { int requested; int kept; } cases[] = {{0, 0}, {-3, 1}, {1, 1}, {25, 10}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.requested);
-        QDir(dir.path()).removeRecursively();
-        QDir().mkpath(dir.path());
-        auto destination = make(0, c.requested);
-        for (int n = 1; n <= 13; ++n)
-            write(destination, QString("line %1").arg(n));
-        EXPECT_EQ(contents(), "line 13\n");
-        for (int backup = 1; backup <= c.kept; ++backup)
-            EXPECT_EQ(contents(QString("app.log.%1").arg(backup)), QString("line %1\n").arg(13 - backup).toUtf8());
-        EXPECT_FALSE(exists(QString("app.log.%1").arg(c.kept + 1)));
-    }
-}
-
-TEST_F(FileDestinationTest, CountsUtf8BytesAndWritesUtf8WhateverTheLocale)
-{
+    // With a limit of 0 every line rotates first, so line n ends up in backup 13 - n.
+    const QStringList thirteen = QString("1 2 3 4 5 6 7 8 9 10 11 12 13").split(' ');
+    const auto keeping = [](int backups) {
+        Files files = {{"app.log", "13\n"}};
+        for (int n = 1; n <= backups; ++n)
+            files[QString("app.log.%1").arg(n)] = QByteArray::number(13 - n) + "\n";
+        return files;
+    };
+    const struct
+    {
+        Files before;
+        qint64 maxSize; // no rotation when negative
+        int backups;
+        QStringList lines;
+        Files after;
+    } cases[] = {
+        // Six bytes are exactly the limit, in any locale.
+        {{}, 6, 5, {u8"äöü", "x", u8"é"}, {{"app.log", u8"x\né\n"}, {"app.log.1", u8"äöü\n"}}},
+        {{{"app.log", QByteArray(70000, 'a')}}, 65536, 5, {"first"},
+         {{"app.log", "first\n"}, {"app.log.1", QByteArray(70000, 'a')}}},
+        {{{"app.log", "live\n"}, {"app.log.1", "one\n"}, {"app.log.3", "three\n"}}, 0, 5, {"x"},
+         {{"app.log", "x\n"}, {"app.log.1", "live\n"}, {"app.log.2", "one\n"}, {"app.log.3", "three\n"}}},
+        {{}, 0, 0, thirteen, keeping(0)},
+        {{}, 0, -3, thirteen, keeping(1)},
+        {{}, 0, 25, thirteen, keeping(10)},
+        // Without rotation the file starts empty.
+        {{{"app.log", "old\n"}}, -1, 5, {"a", "b"}, {{"app.log", "a\nb\n"}}},
+    };
     QTextCodec::setCodecForLocale(QTextCodec::codecForName("ISO-8859-1"));
-    auto destination = make(6, 5);
-    write(destination, u8"äöü"); // 6 bytes: exactly the limit
-    EXPECT_FALSE(exists("app.log.1"));
-    write(destination, "x");
-    write(destination, u8"é");
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        SCOPED_TRACE(::testing::Message() << "case " << i);
+        ASSERT_TRUE(QDir(dir.path()).removeRecursively() && QDir().mkpath(dir.path()));
+        create(cases[i].before);
+        const auto rotation = cases[i].maxSize < 0 ? LogRotationDisabled : LogRotationEnabled;
+        const DestinationPtr destination = make(cases[i].maxSize, cases[i].backups, "app.log", rotation);
+        for (const QString& line : cases[i].lines)
+            destination->write(line, LevelInfo);
+        EXPECT_EQ(files(), cases[i].after);
+    }
     QTextCodec::setCodecForLocale(nullptr);
-    EXPECT_EQ(contents("app.log.1"), u8"äöü\n");
-    EXPECT_EQ(contents(), u8"x\né\n");
 }
 
-TEST_F(FileDestinationTest, FailedRotationIsReportedAndRetriedOnEveryLine)
+TEST_F(FileDestinationTest, FailedRotationIsReportedAtEveryLineWhichGoesToTheOldFile)
 {
-    createFile("app.log", "old\n");
-    createBlocker("app.log.1");
+    create({{"app.log", "old\n"}}, "app.log.1");
     auto destination = make(1, 1);
-    StderrCapture capture;
-    write(destination, "a");
-    write(destination, "b");
+    testing::internal::CaptureStderr();
+    destination->write("a", LevelInfo);
+    destination->write("b", LevelInfo);
     const QByteArray report = "Log: could not rename log " + local() + " to " + local("app.log.1");
-    EXPECT_EQ(capture.finish(), report + report);
-    EXPECT_EQ(contents(), "old\na\nb\n");
+    EXPECT_EQ(capturedStderr(), report + report);
+    EXPECT_EQ(files(), (Files{{"app.log", "old\na\nb\n"}}));
 
-    QDir(path("app.log.1")).removeRecursively();
-    write(destination, "c");
-    EXPECT_EQ(contents("app.log.1"), "old\na\nb\n");
-    EXPECT_EQ(contents(), "c\n");
+    QDir(dir.filePath("app.log.1")).removeRecursively();
+    destination->write("c", LevelInfo);
+    EXPECT_EQ(files(), (Files{{"app.log", "c\n"}, {"app.log.1", "old\na\nb\n"}}));
 }
 
-TEST_F(FileDestinationTest, BlockedBackupIsReportedAndTheLogStillMoves)
+TEST_F(FileDestinationTest, BlockedBackupOrFailedDeleteIsReportedAndTheLogStillMoves)
 {
-    createFile("app.log", "live\n");
-    createFile("app.log.1", "one\n");
-    createBlocker("app.log.2");
-    StderrCapture capture;
-    write(make(0, 2), "x");
-    EXPECT_EQ(capture.finish(), "Log: could not rename backup " + local("app.log.1") + " to " + local("app.log.2"));
-    EXPECT_EQ(contents("app.log.1"), "live\n");
-    EXPECT_EQ(contents(), "x\n");
+    create({{"app.log", "live\n"}, {"app.log.1", "one\n"}}, "app.log.2");
+    testing::internal::CaptureStderr();
+    make(0, 2)->write("x", LevelInfo);
+    EXPECT_EQ(capturedStderr(), "Log: could not rename backup " + local("app.log.1") + " to " + local("app.log.2"));
+    EXPECT_EQ(files(), (Files{{"app.log", "x\n"}, {"app.log.1", "live\n"}}));
 
-    auto withoutBackups = make(1, 0, LogRotationEnabled, "solo.log");
-    QFile::remove(path("solo.log"));
-    StderrCapture deleteFailure;
-    write(withoutBackups, "bb");
-    EXPECT_EQ(deleteFailure.finish(), "Log: backup delete failed " + local("solo.log"));
-    EXPECT_EQ(contents("solo.log"), "bb\n");
+    auto withoutBackups = make(1, 0, "solo.log");
+    QFile::remove(dir.filePath("solo.log"));
+    testing::internal::CaptureStderr();
+    withoutBackups->write("bb", LevelInfo);
+    EXPECT_EQ(capturedStderr(), "Log: backup delete failed " + local("solo.log"));
+    EXPECT_EQ(files()["solo.log"], "bb\n");
 }
 
 TEST_F(FileDestinationTest, UnopenableFileDropsLinesUntilALaterRotationReopensIt)
 {
-    StderrCapture neverOpened;
-    auto unopened = make(100, 5, LogRotationEnabled, "missing/app.log");
-    write(unopened, "lost");
-    EXPECT_EQ(neverOpened.finish(), "Log: could not open log file " + local("missing/app.log"));
+    testing::internal::CaptureStderr();
+    auto unopened = make(100, 5, "missing/app.log");
+    unopened->write("lost", LevelInfo);
+    EXPECT_EQ(capturedStderr(), "Log: could not open log file " + local("missing/app.log"));
     EXPECT_FALSE(unopened->isValid());
 
     QDir(dir.path()).mkpath("logs");
-    auto destination = make(1, 5, LogRotationEnabled, "logs/app.log");
-    const QByteArray renameReport = "Log: could not rename log " + local("logs/app.log") + " to "
-                                    + local("logs/app.log.1");
-    QDir(path("logs")).removeRecursively();
-    StderrCapture lost;
-    write(destination, "aa");
-    EXPECT_EQ(lost.finish(), renameReport + "Log: could not reopen log file " + local("logs/app.log"));
+    auto destination = make(1, 5, "logs/app.log");
+    const QByteArray renameReport =
+        "Log: could not rename log " + local("logs/app.log") + " to " + local("logs/app.log.1");
+    QDir(dir.filePath("logs")).removeRecursively();
+    testing::internal::CaptureStderr();
+    destination->write("aa", LevelInfo);
+    EXPECT_EQ(capturedStderr(), renameReport + "Log: could not reopen log file " + local("logs/app.log"));
     EXPECT_FALSE(destination->isValid());
 
     QDir(dir.path()).mkpath("logs");
-    StderrCapture back;
-    write(destination, "bb");
-    EXPECT_EQ(back.finish(), renameReport);
+    testing::internal::CaptureStderr();
+    destination->write("bb", LevelInfo);
+    EXPECT_EQ(capturedStderr(), renameReport);
     EXPECT_TRUE(destination->isValid());
-    EXPECT_EQ(contents("logs/app.log"), "bb\n");
+    EXPECT_EQ(files("logs"), (Files{{"app.log", "bb\n"}}));
 }
 
 } // namespace

@@ -3,13 +3,17 @@
 #include <QByteArray>
 #include <QFile>
 #include <QString>
-#include <QTemporaryFile>
 
-#include <cstdio>
+#include <gtest/gtest.h>
+
+#include <ctime>
 #include <ostream>
-#include <unistd.h>
 
-// Readable QString values in gtest failure messages.
+// A zone far from UTC, so a timestamp taken in UTC rather than local time shows up. Set before
+// main(): with TZ unset glibc re-reads the zone at every timestamp, under a lock that the thread
+// sanitizer cannot see.
+inline const bool farZoneSet = (qputenv("TZ", "XYZ-05:45"), tzset(), true);
+
 inline void PrintTo(const QString& text, std::ostream* out)
 {
     *out << '"' << text.toStdString() << '"';
@@ -21,31 +25,8 @@ inline QByteArray readFile(const QString& path)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
 }
 
-// Redirects file descriptor 2 into a temporary file until finish() or destruction.
-class StderrCapture
+// What was written to file descriptor 2 since testing::internal::CaptureStderr().
+inline QByteArray capturedStderr()
 {
-public:
-    StderrCapture()
-    {
-        file.open();
-        std::fflush(stderr);
-        savedStderr = ::dup(STDERR_FILENO);
-        ::dup2(file.handle(), STDERR_FILENO);
-    }
-    ~StderrCapture() { finish(); }
-
-    QByteArray finish()
-    {
-        if (savedStderr >= 0) {
-            std::fflush(stderr);
-            ::dup2(savedStderr, STDERR_FILENO);
-            ::close(savedStderr);
-            savedStderr = -1;
-        }
-        return readFile(file.fileName());
-    }
-
-private:
-    QTemporaryFile file;
-    int savedStderr = -1;
-};
+    return QByteArray::fromStdString(testing::internal::GetCapturedStderr());
+}

@@ -4,12 +4,11 @@
 #include "LogCapture.h"
 #include "ServerThread.h"
 #include "TestCertificate.h"
+#include "TestWsClient.h"
 
 #include <QCoreApplication>
-#include <QStringList>
 #include <QTemporaryDir>
 #include <QTest>
-#include <QThread>
 
 #include <gtest/gtest.h>
 
@@ -17,20 +16,22 @@
 #include <ostream>
 #include <vector>
 
-// Readable failure messages instead of byte dumps.
 inline void PrintTo(const QString& value, std::ostream* out)
 {
     *out << '"' << value.toStdString() << '"';
 }
 
-// Generous, because the server notices a vanished client only after its TLS shutdown times out.
-constexpr int eventTimeoutMs = 30000;
-
-// Runs the main thread's event loop until the condition holds.
+// Runs the main thread's event loop until the condition holds. Generous, because the server
+// notices a vanished client only after its TLS shutdown times out.
 template <typename Condition>
-bool waitUntil(Condition condition, int timeoutMs = eventTimeoutMs)
+bool waitUntil(Condition condition)
 {
-    return QTest::qWaitFor(condition, timeoutMs);
+    return QTest::qWaitFor(condition, 30000);
+}
+
+inline bool logged(const QString& text, int times = 1)
+{
+    return waitUntil([&] { return LogCapture::instance().count(text) == times; });
 }
 
 // A ServerThread serving on a free port with a fresh certificate, as the service runs it.
@@ -39,19 +40,18 @@ class RunningServer : public ::testing::Test
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(logDir.isValid());
-        logCapture().clear();
+        LogCapture::instance().clear();
         // Another test may take the free port between the check and the bind; try a few.
         for (int attempt = 0; attempt < 5 && !thread; ++attempt) {
             port = TestSupport::findFreePorts();
-            auto candidate = std::make_unique<ServerThread>(port, cert.certFile(), cert.keyFile(),
-                                                            logPrefix(), nullptr);
+            auto candidate =
+                std::make_unique<ServerThread>(port, cert.certFile(), cert.keyFile(), logPrefix(), nullptr);
             candidate->setAllowedOrigins(allowedOrigins);
             QObject::connect(candidate.get(), &ServerThread::onClientConnected,
                              [this](ConnectionContext context) {
+                                 // The client list lives on the owner's thread, where the endpoint's events queue.
+                                 EXPECT_EQ(QThread::currentThread(), qApp->thread());
                                  announced.push_back(context);
-                                 announcedOnOtherThread |= QThread::currentThread()
-                                                           != qApp->thread();
                              });
             candidate->start();
             if (candidate->waitForInit())
@@ -71,19 +71,13 @@ protected:
     }
 
     QString logPrefix() const { return logDir.path() + QLatin1Char('/'); }
+    bool waitForClients(size_t count) { return waitUntil([&] { return announced.size() >= count; }); }
 
-    bool waitForClients(size_t count)
-    {
-        return waitUntil([&] { return announced.size() >= count; });
-    }
-
-    // Fixtures that restrict origins set this in their constructor; the service always passes
-    // its setting on, so the empty list is what most tests run with.
+    // Fixtures that restrict origins set this in their constructor.
     QStringList allowedOrigins;
     TestCertificate cert;
     QTemporaryDir logDir;
     quint16 port = 0;
     std::unique_ptr<ServerThread> thread;
     std::vector<ConnectionContext> announced;
-    bool announcedOnOtherThread = false;
 };

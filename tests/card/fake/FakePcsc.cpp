@@ -2,11 +2,9 @@
 
 #include "CardClock.h"
 
+#include <QByteArray>
+
 #include <algorithm>
-#include <cstring>
-#include <deque>
-#include <map>
-#include <mutex>
 
 namespace FakePcsc {
 
@@ -14,185 +12,76 @@ namespace {
 
 const SCARDCONTEXT establishedContext = 0x1C0DE;
 const SCARDHANDLE connectedCard = 0x2CA2D;
+const Bytes readUid = {0xFF, 0xCA, 0x00, 0x00, 0x00};
 
-struct State
+// Journals the call and returns its scripted failure, else success when the arguments are valid.
+LONG call(const std::string& entry, bool valid)
 {
-    std::vector<std::string> readers;
-    std::map<std::string, Card> cards;
-    std::map<Call, LONG> failures;
-    std::deque<Step> script;
-    std::map<std::string, DWORD> eventOverrides;
-    std::vector<std::string> journal;
-    std::vector<Wait> waits;
-    SCARDCONTEXT context = 0;
-    SCARDHANDLE card = 0;
-    std::string connectedReader;
-    SCARD_IO_REQUEST sendPci{};
-    qint64 clockSeconds = 0;
-};
-
-std::mutex mutex;
-State state;
-
-// Call under the lock.
-std::optional<LONG> failure(Call call)
-{
-    const auto found = state.failures.find(call);
-    if (found == state.failures.end())
-        return std::nullopt;
-    return found->second;
+    stack.journal.push_back(entry);
+    const auto failed = stack.failures.find(entry.substr(0, entry.find(' ')));
+    if (failed != stack.failures.end())
+        return failed->second;
+    return valid ? SCARD_S_SUCCESS : SCARD_E_INVALID_HANDLE;
 }
 
-bool readerExists(const std::string& name)
+Reply withStatus(Bytes data)
 {
-    return std::find(state.readers.begin(), state.readers.end(), name) != state.readers.end();
+    data.insert(data.end(), {0x90, 0x00});
+    return {SCARD_S_SUCCESS, data};
 }
 
-std::string multiString()
+const Reply notSupported = {SCARD_S_SUCCESS, {0x6D, 0x00}};
+
+std::string hex(const Bytes& bytes)
 {
-    std::string names;
-    for (const std::string& reader : state.readers) {
-        names += reader;
-        names += '\0';
-    }
-    names += '\0';
-    return names;
+    const QByteArray raw(reinterpret_cast<const char*>(bytes.data()), static_cast<int>(bytes.size()));
+    return raw.toHex(' ').toStdString();
 }
 
-DWORD actualState(const std::string& reader)
+const Card* connectedCardOnReader()
 {
-    if (!readerExists(reader))
-        return SCARD_STATE_UNKNOWN;
-    return state.cards.count(reader) ? SCARD_STATE_PRESENT : SCARD_STATE_EMPTY;
+    const auto found = stack.cards.find(stack.connectedReader);
+    return found == stack.cards.end() ? nullptr : &found->second;
 }
 
-Reply standardReply(const Bytes& data)
+// Without a buffer the caller asks for the length alone.
+template <typename Data, typename Buffer>
+LONG copyOut(const Data& data, Buffer* buffer, LPDWORD length)
 {
-    Bytes withStatus = data;
-    withStatus.push_back(0x90);
-    withStatus.push_back(0x00);
-    return {SCARD_S_SUCCESS, withStatus};
+    if (buffer && *length < data.size())
+        return SCARD_E_INSUFFICIENT_BUFFER;
+    if (buffer)
+        std::copy(data.begin(), data.end(), buffer);
+    *length = data.size();
+    return SCARD_S_SUCCESS;
 }
 
 } // namespace
 
-void reset()
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    state = State();
-}
-
-void setReaders(std::vector<std::string> names)
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    state.readers = std::move(names);
-}
-
-void layCard(const std::string& reader, Card card)
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    state.cards[reader] = std::move(card);
-}
-
-void removeCard(const std::string& reader)
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    state.cards.erase(reader);
-}
-
-void failCall(Call call, LONG result)
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    state.failures[call] = result;
-}
-
-void addWaitStep(Step step)
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    state.script.push_back(std::move(step));
-}
-
-void addWaitSteps(int count)
-{
-    for (int i = 0; i < count; ++i)
-        addWaitStep([] { return std::nullopt; });
-}
-
-void overrideNextEventState(const std::string& reader, DWORD eventState)
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    state.eventOverrides[reader] = eventState;
-}
-
-void advanceClock(int seconds)
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    state.clockSeconds += seconds;
-}
-
-std::vector<std::string> journal()
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    return state.journal;
-}
-
-void note(const std::string& entry)
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    state.journal.push_back(entry);
-}
-
-std::vector<Wait> waits()
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    return state.waits;
-}
-
-SCARD_IO_REQUEST lastSendPci()
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    return state.sendPci;
-}
-
 Card tag(Bytes uid)
 {
-    const Bytes atr = {0x3B, 0x8F, 0x80, 0x01, 0x80, 0x4F, 0x0C, 0xA0, 0x00, 0x00,
-                       0x03, 0x06, 0x03, 0x00, 0x01, 0x00, 0x00, 0x00, 0x00, 0x6A};
-    return {atr, [uid](const Bytes& command) {
-                if (command == Bytes{0xFF, 0xCA, 0x00, 0x00, 0x00})
-                    return standardReply(uid);
-                return Reply{SCARD_S_SUCCESS, {0x6D, 0x00}};
-            }};
+    return {{0x3B, 0x8F, 0x80, 0x01, 0x80, 0x4F, 0x0C, 0xA0, 0x00, 0x00, 0x03, 0x06, 0x03, 0x00, 0x01, 0x00, 0x00,
+             0x00, 0x00, 0x6A},
+            [uid](const Bytes& command) { return command == readUid ? withStatus(uid) : notSupported; }};
 }
 
 Card acosCard(Bytes mcuId)
 {
     return {{0x3B, 0x02, 0x41, 0x01}, [mcuId](const Bytes& command) {
                 if (command.size() == 7 && command[0] == 0x80 && command[1] == 0xA4)
-                    return Reply{SCARD_S_SUCCESS, {0x90, 0x00}};
-                if (command == Bytes{0x80, 0xB2, 0x00, 0x00, 0x08})
-                    return standardReply(mcuId);
-                return Reply{SCARD_S_SUCCESS, {0x6D, 0x00}};
+                    return withStatus({});
+                return command == Bytes{0x80, 0xB2, 0x00, 0x00, 0x08} ? withStatus(mcuId) : notSupported;
             }};
 }
 
-Card cardWithAtr(Bytes atr, std::function<Reply(const Bytes&)> respond)
+Card answering(Card card, const Bytes& command, Reply reply)
 {
-    return {std::move(atr), std::move(respond)};
+    const auto normal = card.respond;
+    card.respond = [=](const Bytes& received) { return received == command ? reply : normal(received); };
+    return card;
 }
 
-std::string hex(const Bytes& bytes)
-{
-    static const char digits[] = "0123456789abcdef";
-    std::string text;
-    for (size_t i = 0; i < bytes.size(); ++i) {
-        if (i > 0)
-            text += ' ';
-        text += digits[bytes[i] >> 4];
-        text += digits[bytes[i] & 0xF];
-    }
-    return text;
-}
+Stack stack;
 
 } // namespace FakePcsc
 
@@ -200,232 +89,127 @@ namespace CardClock {
 
 QDateTime currentDateTimeUtc()
 {
-    std::lock_guard<std::mutex> lock(FakePcsc::mutex);
-    return QDateTime(QDate(2024, 1, 1), QTime(0, 0), Qt::UTC).addSecs(FakePcsc::state.clockSeconds);
+    return QDateTime(QDate(2024, 1, 1), QTime(0, 0), Qt::UTC).addSecs(FakePcsc::stack.clockSeconds);
 }
 
 } // namespace CardClock
 
 using namespace FakePcsc;
 
-LONG SCardEstablishContext(DWORD, LPCVOID, LPCVOID, LPSCARDCONTEXT phContext)
+LONG SCardEstablishContext(DWORD, LPCVOID, LPCVOID, LPSCARDCONTEXT context)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    state.journal.push_back("Establish");
-    if (const auto failed = failure(Call::Establish))
-        return *failed;
-    state.context = establishedContext;
-    *phContext = establishedContext;
-    return SCARD_S_SUCCESS;
+    const LONG result = call("Establish", true);
+    if (result == SCARD_S_SUCCESS)
+        *context = establishedContext;
+    return result;
 }
 
-LONG SCardReleaseContext(SCARDCONTEXT hContext)
+LONG SCardReleaseContext(SCARDCONTEXT context)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    state.journal.push_back("Release");
-    if (const auto failed = failure(Call::Release))
-        return *failed;
-    if (hContext != establishedContext || state.context != establishedContext)
-        return SCARD_E_INVALID_HANDLE;
-    state.context = 0;
-    return SCARD_S_SUCCESS;
+    return call("Release", context == establishedContext);
 }
 
-LONG SCardCancel(SCARDCONTEXT hContext)
+LONG SCardCancel(SCARDCONTEXT context)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    state.journal.push_back("Cancel");
-    if (const auto failed = failure(Call::Cancel))
-        return *failed;
-    return hContext == establishedContext ? SCARD_S_SUCCESS : SCARD_E_INVALID_HANDLE;
+    return call("Cancel", context == establishedContext);
 }
 
-LONG SCardListReaders(SCARDCONTEXT hContext, LPCSTR, LPSTR mszReaders, LPDWORD pcchReaders)
+LONG SCardListReaders(SCARDCONTEXT context, LPCSTR, LPSTR buffer, LPDWORD length)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    if (!mszReaders)
-        state.journal.push_back("ListReaders");
-    if (const auto failed = failure(mszReaders ? Call::ListNames : Call::ListSize))
-        return *failed;
-    if (hContext != establishedContext)
-        return SCARD_E_INVALID_HANDLE;
-    if (state.readers.empty())
+    if (const LONG result = call(buffer ? "ListNames" : "ListReaders", context == establishedContext))
+        return result;
+    if (stack.readers.empty())
         return SCARD_E_NO_READERS_AVAILABLE;
-    const std::string names = multiString();
-    if (mszReaders) {
-        if (*pcchReaders < names.size())
-            return SCARD_E_INSUFFICIENT_BUFFER;
-        std::memcpy(mszReaders, names.data(), names.size());
-    }
-    *pcchReaders = names.size();
-    return SCARD_S_SUCCESS;
+    std::string names;
+    for (const std::string& reader : stack.readers)
+        names += reader + '\0';
+    return copyOut(names + '\0', buffer, length);
 }
 
-LONG SCardGetStatusChange(SCARDCONTEXT hContext, DWORD, SCARD_READERSTATE* rgReaderStates, DWORD cReaders)
+LONG SCardGetStatusChange(SCARDCONTEXT context, DWORD, SCARD_READERSTATE* records, DWORD count)
 {
-    Step step;
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        Wait wait;
-        wait.count = cReaders;
-        wait.arrayGiven = rgReaderStates != nullptr;
-        for (DWORD i = 0; i < cReaders; ++i) {
-            wait.readers.push_back(rgReaderStates[i].szReader ? rgReaderStates[i].szReader : "");
-            wait.currentStates.push_back(rgReaderStates[i].dwCurrentState);
-        }
-        state.waits.push_back(wait);
-        if (hContext != establishedContext)
-            return SCARD_E_INVALID_HANDLE;
-        if (state.script.empty())
-            return SCARD_E_CANCELLED;
-        step = std::move(state.script.front());
-        state.script.pop_front();
-    }
+    // The loop hands over an array even when there is no reader to watch.
+    if (context != establishedContext || !records)
+        return SCARD_E_INVALID_PARAMETER;
+    if (stack.script.empty())
+        return SCARD_E_CANCELLED;
+    const auto step = std::move(stack.script.front());
+    stack.script.pop_front();
+    step();
 
-    // The step calls back into this fake, so it runs unlocked.
-    const std::optional<LONG> forced = step();
-
-    std::lock_guard<std::mutex> lock(mutex);
-    if (forced && *forced != SCARD_S_SUCCESS && *forced != SCARD_E_TIMEOUT)
-        return *forced;
+    const auto failed = stack.failures.find("GetStatusChange");
+    if (failed != stack.failures.end())
+        return failed->second;
     bool anyChanged = false;
-    for (DWORD i = 0; i < cReaders; ++i) {
-        SCARD_READERSTATE& record = rgReaderStates[i];
-        const DWORD actual = actualState(record.szReader ? record.szReader : "");
+    for (DWORD i = 0; i < count; ++i) {
+        SCARD_READERSTATE& record = records[i];
+        const std::string reader = record.szReader ? record.szReader : "";
+        const bool exists = std::count(stack.readers.begin(), stack.readers.end(), reader) > 0;
+        const DWORD actual = !exists ? SCARD_STATE_UNKNOWN
+                                     : (stack.cards.count(reader) ? SCARD_STATE_PRESENT : SCARD_STATE_EMPTY);
         const DWORD known = record.dwCurrentState & (SCARD_STATE_PRESENT | SCARD_STATE_EMPTY | SCARD_STATE_UNKNOWN);
         const bool changed = record.dwCurrentState == SCARD_STATE_UNAWARE || known != actual;
         record.dwEventState = actual | (changed ? SCARD_STATE_CHANGED : 0);
-        anyChanged = anyChanged || changed;
-        const auto overridden = state.eventOverrides.find(record.szReader ? record.szReader : "");
-        if (overridden != state.eventOverrides.end()) {
+        const auto overridden = stack.eventOverrides.find(reader);
+        if (overridden != stack.eventOverrides.end())
             record.dwEventState = overridden->second;
-            anyChanged = true;
-        }
-        record.cbAtr = 0;
-        const auto card = state.cards.find(record.szReader ? record.szReader : "");
-        if (card != state.cards.end() && !card->second.atr.empty() && card->second.atr.size() <= MAX_ATR_SIZE) {
-            std::memcpy(record.rgbAtr, card->second.atr.data(), card->second.atr.size());
-            record.cbAtr = card->second.atr.size();
-        }
+        anyChanged = anyChanged || changed || overridden != stack.eventOverrides.end();
     }
-    state.eventOverrides.clear();
-    if (forced)
-        return *forced;
+    stack.eventOverrides.clear();
     return anyChanged ? SCARD_S_SUCCESS : SCARD_E_TIMEOUT;
 }
 
-LONG SCardConnect(SCARDCONTEXT hContext, LPCSTR szReader, DWORD dwShareMode, DWORD dwPreferredProtocols,
-                  LPSCARDHANDLE phCard, LPDWORD pdwActiveProtocol)
+LONG SCardConnect(SCARDCONTEXT context, LPCSTR reader, DWORD shareMode, DWORD protocols, LPSCARDHANDLE card,
+                  LPDWORD activeProtocol)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    const std::string reader = szReader ? szReader : "";
-    state.journal.push_back("Connect " + reader);
-    if (const auto failed = failure(Call::Connect))
-        return *failed;
-    if (hContext != establishedContext)
-        return SCARD_E_INVALID_HANDLE;
-    if (dwShareMode != SCARD_SHARE_SHARED || dwPreferredProtocols != (SCARD_PROTOCOL_T0 | SCARD_PROTOCOL_T1))
-        return SCARD_E_INVALID_VALUE;
-    if (!readerExists(reader))
-        return SCARD_E_UNKNOWN_READER;
-    if (!state.cards.count(reader))
+    const std::string name = reader ? reader : "";
+    const bool valid = context == establishedContext && shareMode == SCARD_SHARE_SHARED &&
+                       protocols == (SCARD_PROTOCOL_T0 | SCARD_PROTOCOL_T1);
+    if (const LONG result = call("Connect " + name, valid))
+        return result;
+    if (!stack.cards.count(name))
         return SCARD_E_NO_SMARTCARD;
-    state.card = connectedCard;
-    state.connectedReader = reader;
-    *phCard = connectedCard;
-    *pdwActiveProtocol = SCARD_PROTOCOL_T1;
+    stack.connectedReader = name;
+    *card = connectedCard;
+    *activeProtocol = SCARD_PROTOCOL_T1;
     return SCARD_S_SUCCESS;
 }
 
-LONG SCardBeginTransaction(SCARDHANDLE hCard)
+LONG SCardBeginTransaction(SCARDHANDLE card)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    state.journal.push_back("Begin");
-    if (const auto failed = failure(Call::Begin))
-        return *failed;
-    return hCard == state.card ? SCARD_S_SUCCESS : SCARD_E_INVALID_HANDLE;
+    return call("Begin", card == connectedCard);
 }
 
-LONG SCardEndTransaction(SCARDHANDLE hCard, DWORD dwDisposition)
+LONG SCardEndTransaction(SCARDHANDLE card, DWORD disposition)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    state.journal.push_back("End " + std::to_string(dwDisposition));
-    if (const auto failed = failure(Call::End))
-        return *failed;
-    return hCard == state.card ? SCARD_S_SUCCESS : SCARD_E_INVALID_HANDLE;
+    return call("End " + std::to_string(disposition), card == connectedCard);
 }
 
-LONG SCardDisconnect(SCARDHANDLE hCard, DWORD dwDisposition)
+LONG SCardDisconnect(SCARDHANDLE card, DWORD disposition)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    state.journal.push_back("Disconnect " + std::to_string(dwDisposition));
-    if (const auto failed = failure(Call::Disconnect))
-        return *failed;
-    if (hCard != state.card)
-        return SCARD_E_INVALID_HANDLE;
-    state.card = 0;
-    return SCARD_S_SUCCESS;
+    return call("Disconnect " + std::to_string(disposition), card == connectedCard);
 }
 
-LONG SCardStatus(SCARDHANDLE hCard, LPSTR mszReaderName, LPDWORD pcchReaderLen, LPDWORD pdwState,
-                 LPDWORD pdwProtocol, LPBYTE pbAtr, LPDWORD pcbAtrLen)
+LONG SCardStatus(SCARDHANDLE card, LPSTR, LPDWORD, LPDWORD, LPDWORD, LPBYTE atr, LPDWORD atrLength)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    state.journal.push_back("Status");
-    if (const auto failed = failure(Call::Status))
-        return *failed;
-    if (hCard != state.card)
-        return SCARD_E_INVALID_HANDLE;
-    const auto card = state.cards.find(state.connectedReader);
-    if (card == state.cards.end())
+    if (const LONG result = call("Status", card == connectedCard))
+        return result;
+    const Card* onReader = connectedCardOnReader();
+    return onReader ? copyOut(onReader->atr, atr, atrLength) : SCARD_W_REMOVED_CARD;
+}
+
+LONG SCardTransmit(SCARDHANDLE card, const SCARD_IO_REQUEST* sendPci, LPCBYTE command, DWORD commandLength,
+                   SCARD_IO_REQUEST*, LPBYTE response, LPDWORD responseLength)
+{
+    const Bytes sent(command, command + commandLength);
+    // The request must name the protocol the connection negotiated.
+    const bool valid = card == connectedCard && sendPci && sendPci->dwProtocol == SCARD_PROTOCOL_T1 &&
+                       sendPci->cbPciLength == sizeof(SCARD_IO_REQUEST);
+    if (const LONG result = call("Transmit " + hex(sent), valid))
+        return result;
+    const Card* onReader = connectedCardOnReader();
+    if (!onReader)
         return SCARD_W_REMOVED_CARD;
-
-    const DWORD nameLength = state.connectedReader.size() + 1;
-    const Bytes& atr = card->second.atr;
-    if ((mszReaderName && *pcchReaderLen < nameLength) || (pbAtr && *pcbAtrLen < atr.size()))
-        return SCARD_E_INSUFFICIENT_BUFFER;
-    if (mszReaderName)
-        std::memcpy(mszReaderName, state.connectedReader.c_str(), nameLength);
-    if (pcchReaderLen)
-        *pcchReaderLen = nameLength;
-    if (pdwState)
-        *pdwState = SCARD_STATE_PRESENT;
-    if (pdwProtocol)
-        *pdwProtocol = SCARD_PROTOCOL_T1;
-    if (pbAtr && !atr.empty())
-        std::memcpy(pbAtr, atr.data(), atr.size());
-    if (pcbAtrLen)
-        *pcbAtrLen = atr.size();
-    return SCARD_S_SUCCESS;
-}
-
-LONG SCardTransmit(SCARDHANDLE hCard, const SCARD_IO_REQUEST* pioSendPci, LPCBYTE pbSendBuffer, DWORD cbSendLength,
-                   SCARD_IO_REQUEST*, LPBYTE pbRecvBuffer, LPDWORD pcbRecvLength)
-{
-    std::function<Reply(const Bytes&)> respond;
-    const Bytes command(pbSendBuffer, pbSendBuffer + cbSendLength);
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        state.journal.push_back("Transmit " + hex(command));
-        if (pioSendPci)
-            state.sendPci = *pioSendPci;
-        if (hCard != state.card)
-            return SCARD_E_INVALID_HANDLE;
-        const auto card = state.cards.find(state.connectedReader);
-        if (card == state.cards.end())
-            return SCARD_W_REMOVED_CARD;
-        respond = card->second.respond;
-    }
-
-    const Reply reply = respond ? respond(command) : Reply{SCARD_S_SUCCESS, {0x6D, 0x00}};
-    if (reply.result != SCARD_S_SUCCESS)
-        return reply.result;
-    if (reply.data.size() > *pcbRecvLength) {
-        *pcbRecvLength = reply.data.size();
-        return SCARD_E_INSUFFICIENT_BUFFER;
-    }
-    if (!reply.data.empty())
-        std::memcpy(pbRecvBuffer, reply.data.data(), reply.data.size());
-    *pcbRecvLength = reply.data.size();
-    return SCARD_S_SUCCESS;
+    const auto [result, reply] = onReader->respond(sent);
+    return result != SCARD_S_SUCCESS ? result : copyOut(reply, response, responseLength);
 }

@@ -2,24 +2,21 @@
 
 #include <winscard.h>
 
+#include <deque>
 #include <functional>
-#include <optional>
+#include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
-// A scripted PC/SC stack, linked in place of libpcsclite, for what a real stack
-// cannot produce on demand: readers that come and go, odd ATRs and answers, and
-// failures of single calls. It also provides the clock of the reader-list refresh,
-// which only moves when a test advances it.
+// A scripted PC/SC stack, linked in place of libpcsclite, for what a real stack cannot do
+// on demand: readers that come and go, odd ATRs and answers, failures of single calls.
+// It also provides the clock of the reader-list refresh, which only a test moves. The loop
+// under test runs on the test's own thread, so nothing here is locked.
 namespace FakePcsc {
 
 using Bytes = std::vector<unsigned char>;
-
-struct Reply
-{
-    LONG result = SCARD_S_SUCCESS;
-    Bytes data;
-};
+using Reply = std::pair<LONG, Bytes>;
 
 struct Card
 {
@@ -27,65 +24,34 @@ struct Card
     std::function<Reply(const Bytes& command)> respond;
 };
 
-enum class Call
-{
-    Establish,
-    Release,
-    ListSize,  // SCardListReaders without a buffer
-    ListNames, // SCardListReaders with a buffer
-    Cancel,
-    Connect,
-    Begin,
-    Status,
-    End,
-    Disconnect
-};
-
-// Forgets readers, cards, script, failures and journal; the clock starts again.
-void reset();
-
-void setReaders(std::vector<std::string> names);
-void layCard(const std::string& reader, Card card);
-void removeCard(const std::string& reader);
-// Every later call of this kind returns `result`.
-void failCall(Call call, LONG result);
-
-// One step per SCardGetStatusChange, run before the records are filled in. It may
-// change readers, cards and the clock, and returns the wait's result, or nothing for
-// the natural one: success when a record changed, a timeout otherwise. Once the
-// script is used up the wait returns SCARD_E_CANCELLED, as after a stop.
-using Step = std::function<std::optional<LONG>()>;
-void addWaitStep(Step step);
-void addWaitSteps(int count); // that many natural waits
-
-// The next wait reports exactly this event state for the reader, whatever the truth.
-void overrideNextEventState(const std::string& reader, DWORD eventState);
-
-void advanceClock(int seconds);
-
-// What the code under test did, in order: "ListReaders", "Connect <reader>", "Begin",
-// "Status", "Transmit <hex>", "End <disposition>", "Disconnect <disposition>",
-// "Cancel", "Release", plus whatever the test adds with note().
-std::vector<std::string> journal();
-void note(const std::string& entry);
-
-struct Wait
-{
-    DWORD count = 0;
-    bool arrayGiven = false;
-    std::vector<std::string> readers;
-    std::vector<DWORD> currentStates;
-};
-std::vector<Wait> waits();
-
-// The send PCI of the last transmit.
-SCARD_IO_REQUEST lastSendPci();
-
 // Cards that answer the way the service expects of them.
 Card tag(Bytes uid);
 Card acosCard(Bytes mcuId);
-Card cardWithAtr(Bytes atr, std::function<Reply(const Bytes&)> respond);
+// The card, except that it answers `command` with `reply`.
+Card answering(Card card, const Bytes& command, Reply reply);
 
-std::string hex(const Bytes& bytes);
+struct Stack
+{
+    std::vector<std::string> readers;
+    std::map<std::string, Card> cards;
+    // Calls by name ("Connect", "ListNames", "GetStatusChange", ...) that fail with this result.
+    std::map<std::string, LONG> failures;
+    // One step per SCardGetStatusChange, run before the records are filled in. The wait then
+    // succeeds when a record changed and times out otherwise. Once the script is used up it
+    // returns SCARD_E_CANCELLED, as after a stop.
+    std::deque<std::function<void()>> script;
+    // The next wait reports exactly this event state for the reader, whatever the truth.
+    std::map<std::string, DWORD> eventOverrides;
+    // What the code under test called, in order: "ListReaders" (sizing), "ListNames",
+    // "Connect <reader>", "Begin", "Status", "Transmit <hex>", "End <disposition>",
+    // "Disconnect <disposition>", "Cancel", "Release"; and whatever the test adds.
+    std::vector<std::string> journal;
+    long long clockSeconds = 0;
+    std::string connectedReader;
+
+    void addWaitSteps(int count) { script.insert(script.end(), count, [] {}); }
+};
+
+extern Stack stack;
 
 } // namespace FakePcsc

@@ -1,0 +1,72 @@
+#include "SmartCardController.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using Type = SmartCardController::CardType;
+
+TEST(CardType, FollowsTheInterfaceBytesToTheAcosMarkWithoutReadingPastTheEnd)
+{
+    const struct
+    {
+        std::vector<unsigned char> atr;
+        Type expected;
+    } cases[] = {
+        {{0x3B, 0x02, 0x41, 0x01}, Type::AcosSmartCard},
+        {{0x3B, 0xBE, 0x11, 0x00, 0x00, 0x41, 0x01, 0x38, 0x00, 0x00}, Type::AcosSmartCard}, // after TA1 TB1 TD1
+        {{0x3B, 0x8F, 0x80, 0x01, 0x80, 0x4F, 0x0C, 0xA0, 0x00, 0x00}, Type::RfidTag},       // after TD1 TD2
+        {{0x3B, 0x00}, Type::RfidTag},
+        {{0x3B, 0x01, 0x41}, Type::RfidTag},             // one historical byte cannot hold the mark
+        {{0x3B, 0x03, 0x00, 0x41, 0x01}, Type::RfidTag}, // the mark in the wrong place
+        {{0x3F, 0x02, 0x41, 0x01}, Type::Unknown},       // inverse convention
+        {{0x3B}, Type::Unknown},
+        // Cut off: at TD1, at TD2, in the interface bytes, in the mark, in a chain of TDs.
+        {{0x3B, 0x82}, Type::RfidTag},
+        {{0x3B, 0x8F, 0x80}, Type::RfidTag},
+        {{0x3B, 0x72}, Type::RfidTag},
+        {{0x3B, 0x02, 0x41}, Type::RfidTag},
+        {{0x3B, 0x8E, 0x80, 0x80, 0x80, 0x80}, Type::RfidTag},
+    };
+    SmartCardController controller;
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        const QVector<unsigned char> atr(cases[i].atr.begin(), cases[i].atr.end());
+        EXPECT_EQ(controller.getCardType(atr), cases[i].expected) << "case " << i;
+    }
+}
+
+TEST(ErrorMessage, HasTextsForTheDocumentedCodesOnly)
+{
+    SmartCardController controller;
+    const auto text = [&](quint32 code) { return controller.getErrorMessage(static_cast<int>(code)); };
+    // Both ends and the first code after each gap pin the table to its codes.
+    EXPECT_EQ(text(0x80100001), "An internal consistency check failed.");
+    EXPECT_EQ(text(0x80100019), "The PCI receive buffer was too small.");
+    EXPECT_EQ(text(0x80100065),
+              "The reader cannot communicate with the card due to ATR string configuration conflicts.");
+    EXPECT_EQ(text(0x80100069), "The smart card has been removed and no further communication is possible.");
+
+    const QString undocumented = "Error is not documented.";
+    for (quint32 code = 0x80100001; code <= 0x80100069; ++code) {
+        const bool gap = code == 0x80100018 || (code >= 0x8010001F && code <= 0x80100064);
+        EXPECT_EQ(text(code) == undocumented, gap) << std::hex << code;
+    }
+    for (quint32 code : {0x0u, 0x1u, 0xFFFFFFFFu, 0x7FFFFFFFu, 0x80000000u, 0x80100000u, 0x8010006Au})
+        EXPECT_EQ(text(code), undocumented) << std::hex << code;
+}
+
+TEST(ReaderState, IsTheCurrentStateOfTheFirstRecordOfThatName)
+{
+    SCARD_READERSTATE states[3] = {}; // the last one without a name
+    states[0].szReader = states[1].szReader = "B";
+    states[0].dwCurrentState = SCARD_STATE_PRESENT;
+    states[0].dwEventState = states[1].dwCurrentState = SCARD_STATE_EMPTY;
+
+    SmartCardController controller;
+    EXPECT_EQ(controller.getReaderState("B", states, 3), DWORD(SCARD_STATE_PRESENT));
+    EXPECT_EQ(controller.getReaderState("C", states, 3), 0u);
+    EXPECT_EQ(controller.getReaderState("B", states, 0), 0u);
+    EXPECT_EQ(controller.getReaderState("B", nullptr, 3), DWORD(SCARD_STATE_UNKNOWN));
+}
+
+} // namespace

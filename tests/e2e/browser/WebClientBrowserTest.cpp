@@ -1,0 +1,159 @@
+// The example web client in headless Chromium against the built service on a private PC/SC
+// stack. The page is driven by drive-web-client.mjs, which reports what the page shows one
+// word a line; the test acts on the service and the readers between those reports.
+#include "CardPersonality.h"
+#include "FreePort.h"
+#include "HexBytes.h"
+#include "PrivatePcscd.h"
+#include "ServiceProcess.h"
+#include "TestCertificate.h"
+#include "VirtualCard.h"
+
+#include <QDateTime>
+#include <QProcess>
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <iostream>
+#include <memory>
+
+namespace {
+
+using VirtualCards::CardPersonality;
+using VirtualCards::VirtualCard;
+using VirtualCards::parseHex;
+
+// Chromium's first start on a loaded two-core machine, and the service's 16 s reader refresh.
+constexpr int stepTimeoutMs = 90000;
+// A stopped service leaves its port in TIME_WAIT for a minute when clients were connected.
+constexpr int portReleaseTimeoutMs = 150000;
+
+class WebClientInBrowser : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        port = TestSupport::findFreePorts();
+        service.writeSettings({{QStringLiteral("port"), port},
+                               {QStringLiteral("certfile"), certificate.certFile()},
+                               {QStringLiteral("keyfile"), certificate.keyFile()}});
+        ASSERT_TRUE(pcscd.start()) << pcscd.lastError().toStdString();
+        service.setEnvironment(QStringLiteral("PCSCLITE_CSOCK_NAME"), pcscd.socketPath());
+        ASSERT_TRUE(service.start());
+    }
+
+    void TearDown() override
+    {
+        // SIGTERM lets the driver close Chromium and remove its profile; SIGKILL only if it hangs.
+        if (page.state() != QProcess::NotRunning) {
+            page.terminate();
+            if (!page.waitForFinished(20000)) {
+                page.kill();
+                page.waitForFinished();
+            }
+        }
+        if (HasFailure()) {
+            std::cerr << "Page driver output:\n" << pageOutput.constData() << page.readAllStandardError().constData()
+                      << "\nService log:\n" << service.appLog().toStdString() << std::endl;
+            // A sanitizer report comes at exit, on standard error only.
+            if (service.waitForExit(0))
+                std::cerr << "Service standard error:\n" << service.standardError().toStdString() << std::endl;
+        }
+    }
+
+    void openPage(const QStringList& extraArguments)
+    {
+        const QString screenshot = QStringLiteral(TIV_SCREENSHOT_DIR "/web-client-%1.png")
+                                       .arg(::testing::UnitTest::GetInstance()->current_test_info()->name());
+        QStringList arguments{QStringLiteral(TIV_PAGE_DRIVER),
+                              QStringLiteral("--port"), QString::number(port),
+                              QStringLiteral("--cert"), certificate.certFile(),
+                              QStringLiteral("--reader"), pcscd.readerName(0),
+                              QStringLiteral("--reader"), pcscd.readerName(1),
+                              QStringLiteral("--version"), QStringLiteral(TIV_SERVICE_VERSION),
+                              QStringLiteral("--screenshot"), screenshot,
+                              QStringLiteral("--step-timeout"), QString::number(stepTimeoutMs)};
+        page.start(QStringLiteral("node"), arguments + extraArguments);
+        ASSERT_TRUE(page.waitForStarted()) << "node (Node.js 20 or later) is needed for the browser tests: "
+                                           << page.errorString().toStdString();
+    }
+
+    // Waits for the driver to report `step`; false if it ends or stays silent instead.
+    bool waitForStep(const QByteArray& step, int timeoutMs = stepTimeoutMs)
+    {
+        const qint64 deadline = QDateTime::currentMSecsSinceEpoch() + timeoutMs;
+        for (;;) {
+            while (page.canReadLine()) {
+                const QByteArray line = page.readLine();
+                pageOutput += line;
+                if (line.trimmed() == step)
+                    return true;
+            }
+            const qint64 left = deadline - QDateTime::currentMSecsSinceEpoch();
+            if (left <= 0 || page.state() == QProcess::NotRunning)
+                return false;
+            page.waitForReadyRead(static_cast<int>(qMin<qint64>(left, 1000)));
+        }
+    }
+
+    void expectPageDriverSucceeds()
+    {
+        ASSERT_TRUE(page.waitForFinished(stepTimeoutMs));
+        EXPECT_EQ(page.exitStatus(), QProcess::NormalExit);
+        EXPECT_EQ(page.exitCode(), 0);
+    }
+
+    std::unique_ptr<VirtualCard> layTag(int reader, const std::string& uid)
+    {
+        auto card = std::make_unique<VirtualCard>(CardPersonality::rfidTag(*parseHex(uid)));
+        EXPECT_TRUE(card->layOn(pcscd.vpcdPort(reader))) << card->lastError();
+        return card;
+    }
+
+    // How the service ends is the service tests' business; the page only has to notice it.
+    void stopService()
+    {
+        service.sendSignal(SIGTERM);
+        ASSERT_TRUE(service.waitForExit());
+    }
+
+    TestSupport::PrivatePcscd pcscd;
+    TestCertificate certificate;
+    ServiceProcess service;
+    quint16 port = 0;
+    QProcess page;
+    QByteArray pageOutput;
+};
+
+TEST_F(WebClientInBrowser, ShowsTheReadersTheVersionAndATagLaidOnAReader)
+{
+    openPage({QStringLiteral("--tag"), QStringLiteral("04a10b7f")});
+    ASSERT_TRUE(waitForStep("READY"));
+
+    auto tag = layTag(0, "04a10b7f");
+    ASSERT_TRUE(waitForStep("SEEN"));
+    expectPageDriverSucceeds();
+    stopService();
+}
+
+TEST_F(WebClientInBrowser, ReconnectsAfterTheServiceRestartsAndKeepsShowingTags)
+{
+    openPage({QStringLiteral("--restart"), QStringLiteral("--tag"), QStringLiteral("0a0b0c0d")});
+    ASSERT_TRUE(waitForStep("READY"));
+
+    stopService();
+    ASSERT_TRUE(waitForStep("LOST"));
+
+    // The service does not reuse a port still held in TIME_WAIT, so it would fail to start.
+    ASSERT_TRUE(waitUntil([&] { return TestSupport::loopbackPortIsFree(port); }, portReleaseTimeoutMs));
+    ASSERT_TRUE(service.start());
+    ASSERT_TRUE(waitForStep("BACK"));
+
+    auto tag = layTag(1, "0a0b0c0d");
+    ASSERT_TRUE(waitForStep("SEEN"));
+    expectPageDriverSucceeds();
+    stopService();
+}
+
+} // namespace

@@ -1,0 +1,71 @@
+#pragma once
+
+#include "Log.h"
+
+#include <QStringList>
+
+#include <algorithm>
+#include <cstdio>
+#include <mutex>
+
+// Keeps every log line so tests can look for what the code under test reported.
+// TIV_TEST_LOG=1 also echoes the lines while a failing test is looked into.
+class LogCapture : public Log::Destination
+{
+public:
+    // The one capture of the process, installed at debug level by the first call. Make that call
+    // before any thread logs: the logger's set-up takes no lock.
+    static LogCapture& instance()
+    {
+        static LogCapture* const capture = [] {
+            // With TZ unset glibc reloads the zone at every timestamp under a lock the thread
+            // sanitizer cannot see, so two threads logging at once look like a race.
+            if (!qEnvironmentVariableIsSet("TZ"))
+                qputenv("TZ", ":/etc/localtime");
+            auto* created = new LogCapture;
+            Log::Logger::instance().setLoggingLevel(Log::LevelDebug);
+            Log::Logger::instance().addDestination(Log::DestinationPtr(created));
+            return created;
+        }();
+        return *capture;
+    }
+
+    void write(const QString& message, Log::Level) override
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        captured << message;
+        if (echo)
+            std::fprintf(stderr, "%s\n", message.toLocal8Bit().constData());
+    }
+    bool isValid() override { return true; }
+
+    QStringList lines() const
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return captured;
+    }
+    void clear()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        captured.clear();
+    }
+
+    // Lines that hold every one of the fragments.
+    int count(const QStringList& fragments) const
+    {
+        const QStringList all = lines();
+        return static_cast<int>(std::count_if(all.begin(), all.end(), [&](const QString& line) {
+            return std::all_of(fragments.begin(), fragments.end(),
+                               [&](const QString& fragment) { return line.contains(fragment); });
+        }));
+    }
+    int count(const QString& fragment) const { return count(QStringList{fragment}); }
+    bool contains(const QStringList& fragments) const { return count(fragments) > 0; }
+    bool contains(const QString& fragment) const { return count(fragment) > 0; }
+
+private:
+    LogCapture() = default;
+    const bool echo = qEnvironmentVariableIntValue("TIV_TEST_LOG") != 0;
+    mutable std::mutex mutex;
+    QStringList captured;
+};

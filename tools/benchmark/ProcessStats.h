@@ -1,0 +1,16 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+// What /proc says about one process.
+namespace ProcessStats {
+
+// utime + stime, in clock ticks, from the text of /proc/<pid>/stat.
+std::optional<unsigned long long> cpuTicksFromStat(const std::string& stat);
+// CPU time the process has used so far, user and system together.
+std::optional<double> cpuSeconds(long long pid);
+// Resident memory (VmRSS), in KiB.
+std::optional<long> residentKiB(long long pid);
+
+} // namespace ProcessStats

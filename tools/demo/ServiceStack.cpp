@@ -1,0 +1,164 @@
+#include "ServiceStack.h"
+
+#include "FreePort.h"
+#include "PrivatePcscd.h"
+#include "ServiceProcess.h"
+#include "TestCertificate.h"
+
+#include <QFile>
+#include <QStringList>
+
+#include <unistd.h>
+
+#include <csignal>
+#include <stdexcept>
+
+namespace {
+
+const int stopTimeoutMs = 20000;
+
+} // namespace
+
+ServiceStack::ServiceStack() = default;
+
+ServiceStack::~ServiceStack()
+{
+    stop();
+}
+
+ServiceStack::StartResult ServiceStack::start(quint16 port, int timeoutMs, const std::function<bool()>& cancelled)
+{
+    stop();
+    error.clear();
+    try {
+        servicePort = port != 0 ? port : TestSupport::findFreePorts();
+    } catch (const std::exception& e) {
+        error = QString::fromLatin1(e.what());
+        return StartResult::Failed;
+    }
+    // The service would only log that it cannot listen; telling the user now is kinder.
+    if (!TestSupport::loopbackPortIsFree(servicePort)) {
+        error = QStringLiteral("port %1 on 127.0.0.1 is already in use").arg(servicePort);
+        return StartResult::PortInUse;
+    }
+
+    pcscd = std::make_unique<TestSupport::PrivatePcscd>();
+    if (!pcscd->start()) {
+        error = QStringLiteral("the private PC/SC daemon did not start: ") + pcscd->lastError();
+        // It hides the system's daemon socket behind a mount of its own, which takes root.
+        if (::geteuid() != 0)
+            error += QStringLiteral("\n(this needs root: run it as root or with sudo)");
+        return StartResult::Failed;
+    }
+    qputenv("PCSCLITE_CSOCK_NAME", pcscd->socketPath().toLocal8Bit());
+
+    try {
+        certificate = std::make_unique<TestCertificate>();
+    } catch (const std::exception& e) {
+        error = QString::fromLatin1(e.what());
+        return StartResult::Failed;
+    }
+
+    service = std::make_unique<ServiceProcess>();
+    service->writeSettings({{QStringLiteral("port"), servicePort},
+                            {QStringLiteral("certfile"), certificate->certFile()},
+                            {QStringLiteral("keyfile"), certificate->keyFile()}});
+    service->setEnvironment(QStringLiteral("PCSCLITE_CSOCK_NAME"), pcscd->socketPath());
+    if (!service->start()) {
+        error = QStringLiteral("the service binary did not start");
+        return StartResult::Failed;
+    }
+    pid = service->pid();
+
+    bool exited = false;
+    bool stopAsked = false;
+    const bool ready = waitUntil([&] {
+        if (cancelled && cancelled()) {
+            stopAsked = true;
+            return true;
+        }
+        if (service->waitForExit(0)) {
+            exited = true;
+            return true;
+        }
+        return service->countInLog(QStringLiteral("Reader connected:")) >= 2;
+    }, timeoutMs);
+    if (stopAsked)
+        return StartResult::Cancelled;
+    if (exited || !ready) {
+        error = (exited ? QStringLiteral("the service ended during start-up")
+                        : QStringLiteral("the service did not list both readers in time"))
+                + QStringLiteral("; its log ends with:\n") + appLogTail(15);
+        return StartResult::Failed;
+    }
+    return StartResult::Started;
+}
+
+void ServiceStack::stop()
+{
+    if (service) {
+        // processId() is 0 once the process is gone, and kill(0) would hit our own group.
+        if (!service->waitForExit(0) && service->pid() > 0)
+            service->sendSignal(SIGTERM);
+        if (!service->waitForExit(stopTimeoutMs))
+            service->sendSignal(SIGKILL);
+        service->waitForExit(stopTimeoutMs);
+    }
+    service.reset();
+    certificate.reset();
+    if (pcscd)
+        pcscd->stop();
+    pcscd.reset();
+    pid = 0;
+}
+
+QString ServiceStack::url() const
+{
+    return QStringLiteral("wss://127.0.0.1:%1").arg(servicePort);
+}
+
+QString ServiceStack::readerName(int reader) const
+{
+    return pcscd ? pcscd->readerName(reader) : QString();
+}
+
+quint16 ServiceStack::vpcdPort(int reader) const
+{
+    return pcscd ? pcscd->vpcdPort(reader) : 0;
+}
+
+QString ServiceStack::certificateFile() const
+{
+    return certificate ? certificate->certFile() : QString();
+}
+
+QString ServiceStack::appLogFile() const
+{
+    return service ? service->logDir() + QStringLiteral("app.log") : QString();
+}
+
+QString ServiceStack::appLogTail(int lines) const
+{
+    return fileTail(appLogFile(), lines);
+}
+
+QString ServiceStack::fileTail(const QString& path, int lines)
+{
+    QFile file(path);
+    if (path.isEmpty() || !file.open(QIODevice::ReadOnly))
+        return QStringLiteral("(no log)");
+    QStringList all = QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    if (all.size() > lines)
+        all = all.mid(all.size() - lines);
+    return all.join(QLatin1Char('\n'));
+}
+
+qint64 ServiceStack::servicePid() const
+{
+    return pid;
+}
+
+bool ServiceStack::serviceRunning()
+{
+    return service && !service->waitForExit(0);
+}

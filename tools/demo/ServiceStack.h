@@ -1,0 +1,59 @@
+#pragma once
+
+#include <QString>
+#include <QtGlobal>
+
+#include <functional>
+#include <memory>
+
+class ServiceProcess;
+class TestCertificate;
+namespace TestSupport {
+class PrivatePcscd;
+}
+
+// The built service on a private PC/SC stack, for trying and measuring it without hardware:
+// a pcscd with the virtual reader pair, a throw-away self-signed certificate, and private
+// settings and logs, all removed again by stop().
+//
+// Start and stop it from one thread that outlives it (the daemon dies with the thread that
+// started it), and let that thread run a Qt event loop while the service runs: the service's
+// standard streams are drained there, and a service that cannot write them stalls.
+class ServiceStack
+{
+public:
+    enum class StartResult { Started, PortInUse, Failed, Cancelled };
+
+    ServiceStack();
+    ~ServiceStack();
+    ServiceStack(const ServiceStack&) = delete;
+    ServiceStack& operator=(const ServiceStack&) = delete;
+
+    // Port 0 picks a free one. Waits until the service has listed both readers; `cancelled`
+    // is asked now and then and ends the wait early. Also points this process's PC/SC
+    // client library at the private daemon, so call it before any SCard call.
+    StartResult start(quint16 port, int timeoutMs, const std::function<bool()>& cancelled = {});
+    // SIGTERM to the service (SIGKILL if it hangs), then the daemon; removes every file.
+    void stop();
+
+    QString lastError() const { return error; }
+    quint16 port() const { return servicePort; }
+    QString url() const;
+    QString readerName(int reader) const;
+    quint16 vpcdPort(int reader) const;
+    QString certificateFile() const;
+    QString appLogFile() const;
+    QString appLogTail(int lines) const;
+    // The last lines of a text file, for showing why something did not happen.
+    static QString fileTail(const QString& path, int lines);
+    qint64 servicePid() const;
+    bool serviceRunning();
+
+private:
+    std::unique_ptr<TestSupport::PrivatePcscd> pcscd;
+    std::unique_ptr<TestCertificate> certificate;
+    std::unique_ptr<ServiceProcess> service;
+    quint16 servicePort = 0;
+    qint64 pid = 0;
+    QString error;
+};

@@ -1,0 +1,10 @@
+# tiv_tool_test(<name> <command> [args...] [TIMEOUT <seconds>])
+# Registers a test of a program under tools/.
+function(tiv_tool_test name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "TIMEOUT" "")
+  if(NOT arg_TIMEOUT)
+    set(arg_TIMEOUT 180)
+  endif()
+  add_test(NAME ${name} COMMAND ${arg_UNPARSED_ARGUMENTS})
+  set_tests_properties(${name} PROPERTIES TIMEOUT ${arg_TIMEOUT})
+endfunction()
