@@ -7,7 +7,8 @@
 
 namespace TestSupport {
 
-// A private pcscd with one pair of virtual readers (the vpcd driver), for tests.
+// A private pcscd with one pair of virtual readers (the vpcd driver), for the demo, the
+// benchmark and the tests.
 //
 // pcscd always binds /run/pcscd/pcscd.comm, so it runs in a mount namespace of its
 // own in which a temporary directory covers /run/pcscd: it neither sees nor disturbs a
