@@ -89,11 +89,12 @@ int main(int argc, char* argv[])
             // detached grandchild goes on to serve.
             status = 1;
         } else {
-            QTimer* startTimer = new QTimer(nullptr);
-            startTimer->setSingleShot(true);
-            QObject::connect(startTimer, &QTimer::timeout, startTimer, [] { service->start(); },
+            // The service starts from inside the running event loop.
+            QTimer startTimer;
+            startTimer.setSingleShot(true);
+            QObject::connect(&startTimer, &QTimer::timeout, &startTimer, [] { service->start(); },
                              Qt::DirectConnection);
-            startTimer->start(100);
+            startTimer.start(100);
 
             status = app.exec();
 
