@@ -13,6 +13,11 @@ packages=(
   chromium
 )
 
+# The browser tests run on Node.js with npm; machines that already have a node keep theirs.
+if ! command -v node >/dev/null || ! command -v npm >/dev/null; then
+  packages+=(nodejs npm)
+fi
+
 missing=()
 for p in "${packages[@]}"; do
   if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed"; then
