@@ -31,12 +31,8 @@ class ServiceProcessTest : public ::testing::Test
 protected:
     void SetUp() override
     {
-        certFile = certificate.certFile();
-        keyFile = certificate.keyFile();
         port = TestSupport::findFreePorts();
-        service.writeSettings({{QStringLiteral("port"), port},
-                               {QStringLiteral("certfile"), certFile},
-                               {QStringLiteral("keyfile"), keyFile}});
+        service.serveOn(port, certificate);
     }
 
     void startAndWaitUntilServing()
@@ -49,8 +45,6 @@ protected:
     TestCertificate certificate;
     ServiceProcess service;
     quint16 port = 0;
-    QString certFile;
-    QString keyFile;
 };
 
 TEST_F(ServiceProcessTest, HelpAndVersionEndTheProcessAfterOnlyTheVersionLine)
@@ -82,8 +76,8 @@ TEST_F(ServiceProcessTest, SighupIsIgnoredAndSigtermStopsWithTheSettingsSaved)
     EXPECT_EQ(service.exitCode(), 0);
 
     const QVariantMap saved = service.readSettings();
-    EXPECT_EQ(saved.value(QStringLiteral("service/certfile")).toString(), certFile);
-    EXPECT_EQ(saved.value(QStringLiteral("service/keyfile")).toString(), keyFile);
+    EXPECT_EQ(saved.value(QStringLiteral("service/certfile")).toString(), certificate.certFile());
+    EXPECT_EQ(saved.value(QStringLiteral("service/keyfile")).toString(), certificate.keyFile());
     EXPECT_EQ(saved.value(QStringLiteral("service/logpath")).toString(), service.logDir());
     EXPECT_TRUE(saved.contains(QStringLiteral("service/port")));
     EXPECT_EQ(saved.value(QStringLiteral("service/loglevel")).toInt(), 2);
@@ -109,9 +103,7 @@ TEST_F(ServiceProcessTest, StartFailuresEndTheServiceWithStatusZero)
     EXPECT_TRUE(service.appLog().contains(QStringLiteral("Unable to load certificate or key.")));
 
     ServiceProcess portTaken;
-    portTaken.writeSettings({{QStringLiteral("port"), port},
-                             {QStringLiteral("certfile"), certFile},
-                             {QStringLiteral("keyfile"), keyFile}});
+    portTaken.serveOn(port, certificate);
     const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;

@@ -65,9 +65,7 @@ protected:
     void SetUp() override
     {
         port = TestSupport::findFreePorts();
-        service.writeSettings({{QStringLiteral("port"), port},
-                               {QStringLiteral("certfile"), certificate.certFile()},
-                               {QStringLiteral("keyfile"), certificate.keyFile()}});
+        service.serveOn(port, certificate);
     }
 
     void startPcscd()

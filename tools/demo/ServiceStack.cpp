@@ -60,9 +60,7 @@ ServiceStack::StartResult ServiceStack::start(quint16 port, int timeoutMs, const
     }
 
     service = std::make_unique<ServiceProcess>();
-    service->writeSettings({{QStringLiteral("port"), servicePort},
-                            {QStringLiteral("certfile"), certificate->certFile()},
-                            {QStringLiteral("keyfile"), certificate->keyFile()}});
+    service->serveOn(servicePort, *certificate);
     service->setEnvironment(QStringLiteral("PCSCLITE_CSOCK_NAME"), pcscd->socketPath());
     if (!service->start()) {
         error = QStringLiteral("the service binary did not start");

@@ -1,5 +1,7 @@
 #include "ServiceProcess.h"
 
+#include "TestCertificate.h"
+
 #include <QDir>
 #include <QFile>
 #include <QSettings>
@@ -43,6 +45,13 @@ void ServiceProcess::writeSettings(const QVariantMap& values)
     QSettings settings(settingsFile(), QSettings::IniFormat);
     for (auto it = values.begin(); it != values.end(); ++it)
         settings.setValue(QStringLiteral("service/") + it.key(), it.value());
+}
+
+void ServiceProcess::serveOn(quint16 port, const TestCertificate& certificate)
+{
+    writeSettings({{QStringLiteral("port"), port},
+                   {QStringLiteral("certfile"), certificate.certFile()},
+                   {QStringLiteral("keyfile"), certificate.keyFile()}});
 }
 
 QVariantMap ServiceProcess::readSettings() const

@@ -9,6 +9,8 @@
 
 // The built service run as a black box: a private settings directory, log directory and
 // environment, started as a child process and driven with signals.
+class TestCertificate;
+
 class ServiceProcess
 {
 public:
@@ -17,6 +19,8 @@ public:
 
     // Writes the [service] keys given (e.g. "port", "certfile") to the settings file.
     void writeSettings(const QVariantMap& values);
+    // Points the service at `port` on 127.0.0.1 with this certificate and key.
+    void serveOn(quint16 port, const TestCertificate& certificate);
     QVariantMap readSettings() const;
     QString settingsFile() const;
     QString logDir() const;

@@ -35,9 +35,7 @@ protected:
     void SetUp() override
     {
         port = TestSupport::findFreePorts();
-        service.writeSettings({{QStringLiteral("port"), port},
-                               {QStringLiteral("certfile"), certificate.certFile()},
-                               {QStringLiteral("keyfile"), certificate.keyFile()}});
+        service.serveOn(port, certificate);
         ASSERT_TRUE(pcscd.start()) << pcscd.lastError().toStdString();
         service.setEnvironment(QStringLiteral("PCSCLITE_CSOCK_NAME"), pcscd.socketPath());
         ASSERT_TRUE(service.start());
