@@ -1,5 +1,7 @@
 #include "Settings.h"
 
+#include "Log.h"
+
 #include <QCoreApplication>
 #include <QSettings>
 
@@ -11,6 +13,9 @@ const char* const keyFileKey = "service/keyfile";
 const char* const logPathKey = "service/logpath";
 const char* const logLevelKey = "service/loglevel";
 const char* const allowedOriginsKey = "service/allowedorigins";
+
+const int defaultPort = 8036;
+const int defaultLogLevel = 1;
 
 QSettings* openStore()
 {
@@ -44,12 +49,12 @@ void Settings::LoadSettings()
     QSettings::setPath(QSettings::IniFormat, QSettings::SystemScope, systemConfigDirectory());
     QScopedPointer<QSettings> store(openStore());
 
-    // Out-of-range ports keep only their low 16 bits, as an unsigned short would.
-    port = static_cast<unsigned short>(store->value(portKey, 8036).toInt());
+    loadWarnings.clear();
+    port = readPort(store->value(portKey));
     certFile = store->value(certFileKey, QStringLiteral("localhost.pem")).toString();
     keyFile = store->value(keyFileKey, QStringLiteral("localhost.key")).toString();
     logPath = store->value(logPathKey, QStringLiteral("/var/log/tiv-rfid-svc/")).toString();
-    logLevel = store->value(logLevelKey, 1).toInt();
+    logLevel = readLogLevel(store->value(logLevelKey));
 
     // INI files hand an unquoted comma-separated value over as a list already; a quoted one
     // arrives as one string. Either way the result is one entry per origin.
@@ -67,4 +72,44 @@ void Settings::SaveSettings()
     store->setValue(certFileKey, certFile);
     store->setValue(keyFileKey, keyFile);
     store->setValue(logPathKey, logPath);
+    store->sync();
+    if (store->status() != QSettings::NoError)
+        TLOG_ERROR() << "Could not save the settings to" << store->fileName()
+                     << (store->status() == QSettings::AccessError ? "(not writable)." : "(format error).");
+}
+
+unsigned short Settings::readPort(const QVariant& stored)
+{
+    if (!stored.isValid())
+        return defaultPort;
+    bool isNumber = false;
+    const qlonglong value = stored.toLongLong(&isNumber);
+    // Above 65535 the low 16 bits are used, as this setting has always worked; only a port
+    // that comes out as 0 (any free port, unknown to every client) is refused.
+    if (isNumber && value > 65535 && value % 65536 != 0) {
+        const unsigned short wrapped = static_cast<unsigned short>(value % 65536);
+        loadWarnings << QStringLiteral("Setting %1 %2 is above 65535; using its low 16 bits, port %3.")
+                            .arg(QLatin1String(portKey)).arg(value).arg(wrapped);
+        return wrapped;
+    }
+    if (!isNumber || value < 1 || value > 65535) {
+        loadWarnings << QStringLiteral("Setting %1 \"%2\" is not a port from 1 to 65535; using %3.")
+                            .arg(QLatin1String(portKey), stored.toString()).arg(defaultPort);
+        return defaultPort;
+    }
+    return static_cast<unsigned short>(value);
+}
+
+int Settings::readLogLevel(const QVariant& stored)
+{
+    if (!stored.isValid())
+        return defaultLogLevel;
+    bool isNumber = false;
+    const int value = stored.toInt(&isNumber);
+    if (!isNumber || value < 0 || value > 6) {
+        loadWarnings << QStringLiteral("Setting %1 \"%2\" is not a level from 0 (trace) to 6 (off); using %3 (debug).")
+                            .arg(QLatin1String(logLevelKey), stored.toString()).arg(defaultLogLevel);
+        return defaultLogLevel;
+    }
+    return value;
 }

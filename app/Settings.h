@@ -2,6 +2,7 @@
 
 #include <QString>
 #include <QStringList>
+#include <QVariant>
 
 // Process-wide configuration: read once at start-up, written back when the service stops.
 class Settings
@@ -12,7 +13,10 @@ public:
     Settings();
     virtual ~Settings();
 
+    // Values that make no sense are replaced by their defaults, each with a warning kept in
+    // GetLoadWarnings(): the settings are read before the log exists.
     void LoadSettings();
+    // A save that fails is logged.
     void SaveSettings();
 
     const unsigned short& GetPort() const { return port; }
@@ -21,6 +25,7 @@ public:
     const QString& GetLogPath() const { return logPath; }
     const int& GetLogLevel() const { return logLevel; }
     const QStringList& GetAllowedOrigins() const { return allowedOrigins; }
+    const QStringList& GetLoadWarnings() const { return loadWarnings; }
 
     void SetPort(const unsigned short& value) { port = value; }
     void SetCertFile(const QString& value) { certFile = value; }
@@ -33,10 +38,14 @@ public:
     static QString systemConfigDirectory();
 
 private:
+    unsigned short readPort(const QVariant& stored);
+    int readLogLevel(const QVariant& stored);
+
     unsigned short port;
     QString certFile;
     QString keyFile;
     QString logPath;
     int logLevel;
     QStringList allowedOrigins;
+    QStringList loadWarnings;
 };

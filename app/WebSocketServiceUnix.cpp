@@ -53,7 +53,8 @@ bool WebSocketServiceUnix::daemonize()
         return false;
 
     [[maybe_unused]] const int changedDir = chdir("/");
-    umask(0);
+    // Logs and settings written from here on are no one else's business.
+    umask(027);
     const int devNull = open("/dev/null", O_RDWR);
     dup2(devNull, STDIN_FILENO);
     dup2(devNull, STDOUT_FILENO);

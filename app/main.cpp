@@ -12,7 +12,10 @@
 #include <QSettings>
 #include <QTimer>
 
+#include <cerrno>
 #include <csignal>
+#include <cstring>
+#include <sys/resource.h>
 
 namespace {
 
@@ -30,6 +33,27 @@ void stopService()
         service->stop();
     else
         QCoreApplication::quit();
+}
+
+// Every client holds a descriptor: the usual soft limit of 1024 turned clients away while the
+// hard limit had room for many more.
+void raiseDescriptorLimit()
+{
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        TLOG_WARN() << "Could not read the open file limit:" << std::strerror(errno);
+        return;
+    }
+    if (limit.rlim_cur < limit.rlim_max) {
+        rlimit raised = limit;
+        raised.rlim_cur = limit.rlim_max;
+        if (setrlimit(RLIMIT_NOFILE, &raised) == 0)
+            limit = raised;
+        else
+            TLOG_WARN() << "Could not raise the open file limit to" << qulonglong(raised.rlim_max) << ":"
+                        << std::strerror(errno);
+    }
+    TLOG_DEBUG() << "Open file limit:" << qulonglong(limit.rlim_cur);
 }
 
 } // namespace
@@ -81,6 +105,9 @@ int main(int argc, char* argv[])
         parser.process(app);
 
         TLOG_INFO() << "Tiv RFID WebSocket Service starting.";
+        for (const QString& warning : Settings::Instance()->GetLoadWarnings())
+            TLOG_WARN().noquote() << warning;
+        raiseDescriptorLimit();
 
         service = new WebSocketServiceUnix(nullptr);
 

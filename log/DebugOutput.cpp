@@ -12,8 +12,7 @@ void DebugOutput::output(const QString& message)
 
 void DebugOutput::report(const QString& text)
 {
-    std::fputs(text.toLocal8Bit().constData(), stderr);
-    std::fflush(stderr);
+    output(text);
 }
 
 } // namespace Log

@@ -11,7 +11,7 @@ class DebugOutput
 public:
     // The message and a line feed, flushed at once.
     static void output(const QString& message);
-    // A failure text as it is, without a line end.
+    // A failure text, as a line of its own.
     static void report(const QString& text);
 };
 

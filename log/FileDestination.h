@@ -1,16 +1,16 @@
 #pragma once
 
 #include "Destination.h"
+#include "RotatingFile.h"
 #include "RotationStrategy.h"
 
-#include <QFile>
 #include <QSharedPointer>
-#include <QTextStream>
 
 namespace Log {
 
-// Writes UTF-8 lines to one file, flushing each, and lets its strategy rotate the file.
-// A file that cannot be opened is reported once on standard error; lines are then dropped.
+// Writes UTF-8 lines to one file, each written through at once, and lets its strategy rotate
+// the file. Failures are reported on standard error; lost lines are counted and noted in the
+// file once it can be written again.
 class FileDestination : public Destination
 {
 public:
@@ -20,12 +20,7 @@ public:
     bool isValid() override;
 
 private:
-    bool open();
-    void attachStream();
-
-    QFile file;
-    QTextStream outputStream;
-    QSharedPointer<RotationStrategy> rotationStrategy;
+    RotatingFile file;
 };
 
 } // namespace Log

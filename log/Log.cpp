@@ -1,16 +1,15 @@
 #include "Log.h"
 
-#include <QDateTime>
 #include <QVector>
 
+#include <cstdio>
+#include <ctime>
 #include <exception>
 #include <mutex>
 
 namespace Log {
 
 namespace {
-
-const QString timestampFormat = QStringLiteral("yyyy-MM-ddThh:mm:ss.zzz");
 
 Logger* theLogger = nullptr;
 
@@ -27,6 +26,22 @@ const char* levelToText(Level level)
     }
     Q_ASSERT_X(false, "LevelToText", "!\"bad log level\"");
     return "";
+}
+
+// yyyy-MM-ddThh:mm:ss.zzz in local time. Made from the C library's reentrant calls because
+// QDateTime's formatting, run by several threads at once before any of them has finished a
+// first one, now and then gives an empty text.
+QString localTimestamp()
+{
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    tm local{};
+    localtime_r(&now.tv_sec, &local);
+    char text[96];
+    std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03d", local.tm_year + 1900,
+                  local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
+                  static_cast<int>(now.tv_nsec / 1000000));
+    return QString::fromLatin1(text);
 }
 
 } // namespace
@@ -78,6 +93,15 @@ Level Logger::levelFromLogMessage(const QString& line, bool* succeeded)
     return LevelOff;
 }
 
+QString Logger::formatLine(Level level, const QString& message)
+{
+    // The message goes in last, so a "%1" inside it is never substituted.
+    return QStringLiteral("%1 %2 %3")
+        .arg(QLatin1String(levelToText(level)))
+        .arg(localTimestamp())
+        .arg(message);
+}
+
 void Logger::addDestination(DestinationPtr destination)
 {
     Q_ASSERT_X(destination.data(), "addDestination", "destination.data()");
@@ -119,12 +143,7 @@ Logger::Helper::~Helper()
 
 void Logger::Helper::writeToLog()
 {
-    // The message goes in last, so a "%1" inside it is never substituted.
-    const QString line = QStringLiteral("%1 %2 %3")
-                             .arg(QLatin1String(levelToText(level)))
-                             .arg(QDateTime::currentDateTime().toString(timestampFormat))
-                             .arg(buffer);
-    Logger::instance().enqueueWrite(line, level);
+    Logger::instance().enqueueWrite(formatLine(level, buffer), level);
 }
 
 Destination::~Destination() = default;

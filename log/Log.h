@@ -18,6 +18,8 @@ public:
     static Logger& instance();
     static void destroyInstance();
     static Level levelFromLogMessage(const QString& line, bool* succeeded = nullptr);
+    // A line as the logger writes it: level, local timestamp, message. Safe on any thread.
+    static QString formatLine(Level level, const QString& message);
 
     ~Logger();
     Logger(const Logger&) = delete;
