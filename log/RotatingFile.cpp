@@ -91,7 +91,7 @@ void RotatingFile::write(const QString& counted, const QByteArray& bytes)
 
     QString note;
     if (lostLines > 0) {
-        note = QStringLiteral("Log: %1 lines lost while the file could not be written").arg(lostLines);
+        note = QStringLiteral("Log: lines lost while the file could not be written: %1").arg(lostLines);
         if (noteFormat)
             note = noteFormat(note);
         strategy->includeMessageInCalculation(note);

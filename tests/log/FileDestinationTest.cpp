@@ -2,10 +2,12 @@
 #include "LogTestSupport.h"
 
 #include <QDir>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QTextCodec>
 
 #include <map>
+#include <sys/stat.h>
 
 namespace {
 
@@ -94,7 +96,7 @@ TEST_F(FileDestinationTest, FailedRotationIsReportedAtEveryLineWhichGoesToTheOld
     testing::internal::CaptureStderr();
     destination->write("a", LevelInfo);
     destination->write("b", LevelInfo);
-    const QByteArray report = "Log: could not rename log " + local() + " to " + local("app.log.1");
+    const QByteArray report = "Log: could not rename log " + local() + " to " + local("app.log.1") + "\n";
     EXPECT_EQ(capturedStderr(), report + report);
     EXPECT_EQ(files(), (Files{{"app.log", "old\na\nb\n"}}));
 
@@ -108,41 +110,67 @@ TEST_F(FileDestinationTest, BlockedBackupOrFailedDeleteIsReportedAndTheLogStillM
     create({{"app.log", "live\n"}, {"app.log.1", "one\n"}}, "app.log.2");
     testing::internal::CaptureStderr();
     make(0, 2)->write("x", LevelInfo);
-    EXPECT_EQ(capturedStderr(), "Log: could not rename backup " + local("app.log.1") + " to " + local("app.log.2"));
+    EXPECT_EQ(capturedStderr(),
+              "Log: could not rename backup " + local("app.log.1") + " to " + local("app.log.2") + "\n");
     EXPECT_EQ(files(), (Files{{"app.log", "x\n"}, {"app.log.1", "live\n"}}));
 
     auto withoutBackups = make(1, 0, "solo.log");
     QFile::remove(dir.filePath("solo.log"));
     testing::internal::CaptureStderr();
     withoutBackups->write("bb", LevelInfo);
-    EXPECT_EQ(capturedStderr(), "Log: backup delete failed " + local("solo.log"));
+    EXPECT_EQ(capturedStderr(), "Log: backup delete failed " + local("solo.log") + "\n");
     EXPECT_EQ(files()["solo.log"], "bb\n");
 }
 
-TEST_F(FileDestinationTest, UnopenableFileDropsLinesUntilALaterRotationReopensIt)
+TEST_F(FileDestinationTest, FileThatCannotBeOpenedIsReportedOnceAndPickedUpWithANoteOfTheLostLines)
 {
     testing::internal::CaptureStderr();
-    auto unopened = make(100, 5, "missing/app.log");
-    unopened->write("lost", LevelInfo);
-    EXPECT_EQ(capturedStderr(), "Log: could not open log file " + local("missing/app.log"));
-    EXPECT_FALSE(unopened->isValid());
-
-    QDir(dir.path()).mkpath("logs");
-    auto destination = make(1, 5, "logs/app.log");
-    const QByteArray renameReport =
-        "Log: could not rename log " + local("logs/app.log") + " to " + local("logs/app.log.1");
-    QDir(dir.filePath("logs")).removeRecursively();
-    testing::internal::CaptureStderr();
-    destination->write("aa", LevelInfo);
-    EXPECT_EQ(capturedStderr(), renameReport + "Log: could not reopen log file " + local("logs/app.log"));
+    auto destination = make(1000, 5, "missing/app.log");
+    destination->write("lost", LevelInfo);
+    destination->write("lost too", LevelInfo);
+    EXPECT_EQ(capturedStderr(), "Log: could not open log file " + local("missing/app.log") + "\n");
     EXPECT_FALSE(destination->isValid());
 
-    QDir(dir.path()).mkpath("logs");
-    testing::internal::CaptureStderr();
-    destination->write("bb", LevelInfo);
-    EXPECT_EQ(capturedStderr(), renameReport);
+    ASSERT_TRUE(QDir(dir.path()).mkpath("missing"));
+    destination->write("back", LevelInfo);
     EXPECT_TRUE(destination->isValid());
-    EXPECT_EQ(files("logs"), (Files{{"app.log", "bb\n"}}));
+    const QString text = QString::fromUtf8(files("missing")["app.log"]);
+    EXPECT_TRUE(QRegularExpression(R"(^WARN  \S{23} Log: lines lost while the file could not be written: 2\nback\n$)")
+                    .match(text)
+                    .hasMatch())
+        << text.toStdString();
+
+    // A rotation that cannot reopen its file is reported too, and the next line tries again.
+    auto rotating = make(1, 5, "missing/rotating.log");
+    QDir(dir.filePath("missing")).removeRecursively();
+    testing::internal::CaptureStderr();
+    rotating->write("aa", LevelInfo);
+    EXPECT_EQ(capturedStderr(), "Log: could not rename log " + local("missing/rotating.log") + " to "
+                                    + local("missing/rotating.log.1") + "\n"
+                                    + "Log: could not reopen log file " + local("missing/rotating.log") + "\n");
+    EXPECT_FALSE(rotating->isValid());
+    ASSERT_TRUE(QDir(dir.path()).mkpath("missing"));
+    rotating->write("bb", LevelInfo);
+    EXPECT_TRUE(rotating->isValid());
+    EXPECT_TRUE(files("missing")["rotating.log"].endsWith(": 1\nbb\n")) << files("missing")["rotating.log"].constData();
+}
+
+TEST_F(FileDestinationTest, LogAndBackupsAreNeverWorldReadableWhateverTheUmask)
+{
+    create({{"app.log", "from an older run\n"}});
+    ASSERT_TRUE(QFile::setPermissions(dir.filePath("app.log"), QFile::ReadOwner | QFile::WriteOwner
+                                                                   | QFile::ReadGroup | QFile::ReadOther));
+    const mode_t previousUmask = ::umask(0);
+    {
+        auto destination = make(0, 2);
+        destination->write("a", LevelInfo);
+        destination->write("b", LevelInfo);
+    }
+    ::umask(previousUmask);
+    const Files written = files();
+    ASSERT_EQ(written.size(), 3u);
+    for (const auto& [name, bytes] : written)
+        EXPECT_EQ(fileMode(dir.filePath(name)), 0640) << name.toStdString();
 }
 
 } // namespace

@@ -9,7 +9,9 @@
 #include <QStringList>
 #include <QTemporaryDir>
 
+#include <atomic>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -155,6 +157,44 @@ TEST(FileDestination, LinesFromManyThreadsStayWholeAcrossRotations)
     const QStringList lines = QString::fromUtf8(all).split('\n', Qt::SkipEmptyParts);
     EXPECT_EQ(lines.size(), 800);
     EXPECT_EQ(lines.filter(QRegularExpression(R"(^WARN  \S{23} thread \d line \d+ $)")), lines);
+}
+
+// The first timestamps of a process are the fragile ones: made by several threads at once, a few
+// came out empty. So the check runs in fresh processes, with the zone left unset as a service
+// has it, many times over.
+TEST(Timestamp, FirstLinesOfManyThreadsAtOnceAllCarryAWellFormedOne)
+{
+    if (!qEnvironmentVariableIsSet(freshProcessVariable)) {
+        for (int run = 0; run < 20; ++run) {
+            const FreshRun child = runFreshProcess("Timestamp.*", {}, "TZ");
+            ASSERT_EQ(child.exitCode, 0) << "run " << run << ":\n" << child.output.toStdString();
+        }
+        return;
+    }
+
+    lines.clear();
+    Logger::instance().addDestination(
+        DestinationFactory::MakeFunctorDestination([](const QString& line, Level) { lines << line; }));
+    constexpr int threadCount = 16;
+    std::atomic<int> waiting{threadCount};
+    const auto logAtOnce = [&waiting] {
+        --waiting;
+        while (waiting > 0) {
+        }
+        for (int i = 0; i < 20; ++i)
+            TLOG_WARN() << "line" << i;
+    };
+    std::vector<std::thread> threads;
+    for (int i = 0; i < threadCount; ++i)
+        threads.emplace_back(logAtOnce);
+    for (std::thread& thread : threads)
+        thread.join();
+    Logger::destroyInstance();
+
+    EXPECT_EQ(lines.size(), threadCount * 20);
+    const QRegularExpression wellFormed(R"(^WARN  \d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3} line \d+ $)");
+    for (const QString& line : lines)
+        ASSERT_TRUE(wellFormed.match(line).hasMatch()) << line.toStdString();
 }
 
 } // namespace

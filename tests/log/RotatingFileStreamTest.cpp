@@ -1,0 +1,77 @@
+#include "LogTestSupport.h"
+#include "RotatingFileStream.h"
+
+#include <QDir>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+
+#include <sys/stat.h>
+
+namespace {
+
+using Log::RotatingFileStream;
+
+// The way the WebSocket library's loggers write: a line in pieces, then a flush.
+void writeLibraryLine(std::ostream& stream, int number)
+{
+    stream << "[2026-11-23 11:00:00] " << "[connect] " << "connection " << number << "\n";
+    stream.flush();
+}
+
+TEST(RotatingFileStream, StartsEmptyAndRotatesWholeLinesIntoPrivateFiles)
+{
+    QTemporaryDir dir;
+    const QString path = dir.filePath("access.log");
+    QFile old(path);
+    ASSERT_TRUE(old.open(QIODevice::WriteOnly) && old.write("from the last run\n") > 0);
+    old.close();
+
+    const mode_t previousUmask = ::umask(0);
+    {
+        RotatingFileStream stream(path, 100, 2);
+        ::umask(previousUmask);
+        ASSERT_TRUE(stream.isOpen());
+        EXPECT_EQ(readFile(path), "");
+        for (int i = 0; i < 30; ++i)
+            writeLibraryLine(stream, i);
+        stream << "unfinished" << std::endl;
+        stream << "cut off at the end";
+        EXPECT_TRUE(stream.good());
+    }
+    ::umask(previousUmask);
+
+    const QStringList names = QDir(dir.path()).entryList(QDir::Files, QDir::Name);
+    EXPECT_EQ(names, QStringList({"access.log", "access.log.1", "access.log.2"}));
+    for (const QString& name : names)
+        EXPECT_EQ(fileMode(dir.filePath(name)), 0640) << name.toStdString();
+    EXPECT_LT(readFile(path + ".1").size(), 100 + 50) << "a file holds about maxBytes";
+
+    // Oldest first, the files hold a run of whole lines that ends with the last ones written.
+    const QStringList lines =
+        QString::fromUtf8(readFile(path + ".2") + readFile(path + ".1") + readFile(path)).split('\n');
+    ASSERT_GE(lines.size(), 4);
+    EXPECT_EQ(lines.mid(lines.size() - 3), QStringList({"unfinished", "cut off at the end", ""}));
+    const int first = lines[0].section(' ', -1).toInt();
+    for (int i = 0; i < lines.size() - 3; ++i)
+        EXPECT_EQ(lines[i], QString("[2026-11-23 11:00:00] [connect] connection %1").arg(first + i));
+}
+
+TEST(RotatingFileStream, StreamThatCannotOpenItsFileStaysUsable)
+{
+    QTemporaryDir dir;
+    testing::internal::CaptureStderr();
+    RotatingFileStream stream(dir.filePath("missing/error.log"), 1024, 2);
+    writeLibraryLine(stream, 1);
+    EXPECT_EQ(capturedStderr(),
+              "Log: could not open log file " + dir.filePath("missing/error.log").toLocal8Bit() + "\n");
+    EXPECT_FALSE(stream.isOpen());
+    EXPECT_TRUE(stream.good()) << "a stream in a failed state would drop every later line";
+
+    ASSERT_TRUE(QDir(dir.path()).mkpath("missing"));
+    writeLibraryLine(stream, 2);
+    EXPECT_EQ(readFile(dir.filePath("missing/error.log")),
+              "Log: lines lost while the file could not be written: 1\n"
+              "[2026-11-23 11:00:00] [connect] connection 2\n");
+}
+
+} // namespace
