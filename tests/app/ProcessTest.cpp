@@ -13,11 +13,15 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include <csignal>
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -92,6 +96,39 @@ TEST_F(ServiceProcessTest, SigintStopsWithStatusZeroAndWritesTheFourKeys)
     EXPECT_EQ(service.exitStatus(), QProcess::NormalExit);
     EXPECT_EQ(service.exitCode(), 0);
     EXPECT_EQ(service.readSettings().size(), 4);
+}
+
+TEST_F(ServiceProcessTest, StartUpWarnsAboutNonsenseSettingsAndRaisesTheDescriptorLimit)
+{
+    // The limit a login shell usually hands down, which the service inherits.
+    rlimit own{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &own), 0);
+    rlimit lowered = own;
+    lowered.rlim_cur = std::min<rlim_t>(own.rlim_max, 1024);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &lowered), 0);
+    service.writeSettings({{QStringLiteral("loglevel"), QStringLiteral("loud")}});
+    const bool started = service.start();
+    ::setrlimit(RLIMIT_NOFILE, &own);
+    ASSERT_TRUE(started);
+    ASSERT_TRUE(service.waitForLog(QStringLiteral("No PCSC running, starting monitor thread.")));
+
+    QFile limits(QStringLiteral("/proc/%1/limits").arg(service.pid()));
+    ASSERT_TRUE(limits.open(QIODevice::ReadOnly));
+    const QString openFiles = QString::fromLatin1(limits.readAll()).section(QStringLiteral("Max open files"), 1).section('\n', 0, 0);
+    const QStringList softAndHard = openFiles.split(' ', Qt::SkipEmptyParts);
+    ASSERT_GE(softAndHard.size(), 2) << openFiles.toStdString();
+    EXPECT_EQ(softAndHard[0], softAndHard[1]);
+    EXPECT_EQ(service.countInLog(QStringLiteral("Open file limit: ") + softAndHard[1]), 1) << service.appLog().toStdString();
+
+    // The level falls back to debug, so the warning and the debug lines are there.
+    EXPECT_EQ(service.countInLog(QStringLiteral("WARN  ")), 2) << service.appLog().toStdString();
+    EXPECT_EQ(service.countInLog(QStringLiteral("Setting service/loglevel \"loud\" is not a level")), 1);
+    EXPECT_TRUE(service.appLog().contains(QStringLiteral("DEBUG")));
+
+    service.sendSignal(SIGTERM);
+    ASSERT_TRUE(service.waitForExit());
+    EXPECT_EQ(service.readSettings().value(QStringLiteral("service/loglevel")).toString(), QStringLiteral("loud"))
+        << "the level is never written back";
 }
 
 TEST_F(ServiceProcessTest, StartFailuresEndTheServiceWithStatusZero)
@@ -179,7 +216,7 @@ TEST_F(ServiceProcessTest, DaemonDetachesIntoTheRootDirectoryWithNullStdio)
         EXPECT_EQ(linkTarget(QStringLiteral("/proc/%1/fd/%2").arg(daemonPid).arg(fd)), "/dev/null");
     QFile status(QStringLiteral("/proc/%1/status").arg(daemonPid));
     ASSERT_TRUE(status.open(QIODevice::ReadOnly));
-    EXPECT_TRUE(status.readAll().contains("Umask:\t0000"));
+    EXPECT_TRUE(status.readAll().contains("Umask:\t0027"));
     EXPECT_NE(::getsid(daemonPid), ::getsid(0)) << "the daemon leads a session of its own";
 
     // Without PC/SC the detached service still serves, greeting with the version alone.
@@ -195,6 +232,15 @@ TEST_F(ServiceProcessTest, DaemonDetachesIntoTheRootDirectoryWithNullStdio)
     ASSERT_EQ(::waitpid(daemonPid, &daemonStatus, 0), daemonPid);
     EXPECT_TRUE(WIFEXITED(daemonStatus) && WEXITSTATUS(daemonStatus) == 0);
     EXPECT_EQ(service.readSettings().size(), 4);
+
+    // Nothing the daemon wrote is for everyone's eyes.
+    const QStringList written = QDir(service.logDir()).entryList(QDir::Files);
+    EXPECT_EQ(written, QStringList({QStringLiteral("access.log"), QStringLiteral("app.log"), QStringLiteral("error.log")}));
+    for (const QString& name : written) {
+        struct stat status{};
+        ASSERT_EQ(::stat(QFile::encodeName(service.logDir() + name).constData(), &status), 0);
+        EXPECT_EQ(status.st_mode & 07777, 0640u) << name.toStdString();
+    }
     while (::waitpid(-1, nullptr, WNOHANG) > 0) {
     }
 }

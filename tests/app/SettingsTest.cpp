@@ -1,3 +1,4 @@
+#include "LogCapture.h"
 #include "Settings.h"
 
 #include <QCoreApplication>
@@ -79,17 +80,59 @@ TEST_F(SettingsTest, StoredValuesAreReadAndTheLogLevelSurvivesASave)
     EXPECT_EQ(saved.value("service/loglevel").toInt(), 3) << "the level is an administrator's, never rewritten";
 }
 
-TEST_F(SettingsTest, PortIsCutToSixteenBitsAndGarbageReadsAsZero)
+TEST_F(SettingsTest, NonsenseGetsOneWarningAndTheDefaultWhichIsWhatIsSavedBack)
 {
-    store("service/port", 70000);
-    settings.LoadSettings();
-    EXPECT_EQ(settings.GetPort(), 4464);
+    const struct
+    {
+        QVariant stored;
+        int port;
+        bool warned;
+    } ports[] = {
+        {443, 443, false},          {65535, 65535, false}, {"not a number", 8036, true}, {"", 8036, true},
+        {0, 8036, true},            {-5, 8036, true},      {65536, 8036, true},
+        // Above 65535 the low 16 bits, as the setting has always been read.
+        {70000, 4464, true},
+    };
+    for (const auto& [stored, expected, warned] : ports) {
+        SCOPED_TRACE(stored.toString().toStdString());
+        store("service/port", stored);
+        settings.LoadSettings();
+        EXPECT_EQ(settings.GetPort(), expected);
+        EXPECT_EQ(settings.GetLoadWarnings().filter("service/port").size(), warned ? 1 : 0);
+        EXPECT_EQ(settings.GetLoadWarnings().size(), warned ? 1 : 0);
+    }
 
-    store("service/port", "not a number");
-    store("service/loglevel", "loud");
+    const std::pair<QVariant, int> levels[] = {{0, 0}, {6, 6}, {"loud", 1}, {7, 1}, {-1, 1}};
+    for (const auto& [stored, expected] : levels) {
+        SCOPED_TRACE(stored.toString().toStdString());
+        store("service/loglevel", stored);
+        settings.LoadSettings();
+        EXPECT_EQ(settings.GetLogLevel(), expected);
+        EXPECT_EQ(settings.GetLoadWarnings().filter("service/loglevel").size(), expected == stored.toInt() ? 0 : 1);
+    }
+
+    store("service/port", "8O36");
     settings.LoadSettings();
-    EXPECT_EQ(settings.GetPort(), 0);
-    EXPECT_EQ(settings.GetLogLevel(), 0);
+    settings.SaveSettings();
+    EXPECT_EQ(QSettings(settingsFile(), QSettings::IniFormat).value("service/port").toString().toStdString(), "8036");
+}
+
+TEST_F(SettingsTest, FailedSaveIsLogged)
+{
+    LogCapture& log = LogCapture::instance();
+    settings.LoadSettings();
+    settings.SaveSettings();
+    EXPECT_FALSE(log.contains("Could not save the settings"));
+
+    // A file where the settings directory should be stops even root from writing.
+    const QString directory = QFileInfo(settingsFile()).path();
+    ASSERT_TRUE(QDir(directory).removeRecursively());
+    QFile blocker(directory);
+    ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
+    blocker.close();
+    settings.SaveSettings();
+    EXPECT_TRUE(log.contains({"Could not save the settings to", settingsFile(), "(not writable)."}))
+        << log.lines().join('\n').toStdString();
 }
 
 TEST_F(SettingsTest, AllowedOriginsAreReadAsAListAndNeverWritten)
