@@ -139,20 +139,6 @@ TEST_F(FileDestinationTest, FileThatCannotBeOpenedIsReportedOnceAndPickedUpWithA
                     .match(text)
                     .hasMatch())
         << text.toStdString();
-
-    // A rotation that cannot reopen its file is reported too, and the next line tries again.
-    auto rotating = make(1, 5, "missing/rotating.log");
-    QDir(dir.filePath("missing")).removeRecursively();
-    testing::internal::CaptureStderr();
-    rotating->write("aa", LevelInfo);
-    EXPECT_EQ(capturedStderr(), "Log: could not rename log " + local("missing/rotating.log") + " to "
-                                    + local("missing/rotating.log.1") + "\n"
-                                    + "Log: could not reopen log file " + local("missing/rotating.log") + "\n");
-    EXPECT_FALSE(rotating->isValid());
-    ASSERT_TRUE(QDir(dir.path()).mkpath("missing"));
-    rotating->write("bb", LevelInfo);
-    EXPECT_TRUE(rotating->isValid());
-    EXPECT_TRUE(files("missing")["rotating.log"].endsWith(": 1\nbb\n")) << files("missing")["rotating.log"].constData();
 }
 
 TEST_F(FileDestinationTest, LogAndBackupsAreNeverWorldReadableWhateverTheUmask)
