@@ -121,8 +121,8 @@ TEST_F(ServiceProcessTest, StartUpWarnsAboutNonsenseSettingsAndRaisesTheDescript
     EXPECT_EQ(service.countInLog(QStringLiteral("Open file limit: ") + softAndHard[1]), 1) << service.appLog().toStdString();
 
     // The level falls back to debug, so the warning and the debug lines are there.
-    EXPECT_EQ(service.countInLog(QStringLiteral("WARN  ")), 2) << service.appLog().toStdString();
-    EXPECT_EQ(service.countInLog(QStringLiteral("Setting service/loglevel \"loud\" is not a level")), 1);
+    EXPECT_EQ(service.countInLog(QStringLiteral("Setting service/")), 1) << service.appLog().toStdString();
+    EXPECT_TRUE(service.appLog().contains(QStringLiteral("Setting service/loglevel \"loud\" is not a level")));
     EXPECT_TRUE(service.appLog().contains(QStringLiteral("DEBUG")));
 
     service.sendSignal(SIGTERM);
