@@ -15,7 +15,7 @@ TEST_F(RunningServer, OnlyTls12IsAccepted)
     // has been handled, and any announcement it wrongly caused has arrived.
     ASSERT_TRUE(any.send("last"));
     ASSERT_TRUE(logged("ServerThread::messageReceived: \"last\""));
-    EXPECT_EQ(announced.size(), 2u) << "a refused handshake was announced as a client";
+    EXPECT_EQ(announcedClients().size(), 2u) << "a refused handshake was announced as a client";
 }
 
 TEST_F(RunningServer, CertificateAndKeyAreReadAtEveryHandshake)
