@@ -152,7 +152,8 @@ void ServerThread::messageReceived(const std::string& payload)
     if (text.size() <= loggedMessageLength) {
         TLOG_DEBUG() << "ServerThread::messageReceived:" << text;
     } else {
+        const QByteArray size = "(" + QByteArray::number(qulonglong(payload.size())) + " bytes in all)";
         TLOG_DEBUG() << "ServerThread::messageReceived:" << text.left(loggedMessageLength)
-                     << "... (" << payload.size() << "bytes in all)";
+                     << size.constData();
     }
 }

@@ -13,6 +13,10 @@ const void* connectionAddress(const websocketpp::connection_hdl& hdl)
     return hdl.lock().get();
 }
 
+// A client that reads keeps this close to zero; one that stops reading (or floods pings and
+// never reads the pongs) passes it and is dropped, rather than holding the service's memory.
+const size_t maxUnsentBytes = 1024 * 1024;
+
 } // namespace
 
 WebsocketServer::WebsocketServer(unsigned short port, const QString& certFile,
@@ -22,6 +26,7 @@ WebsocketServer::WebsocketServer(unsigned short port, const QString& certFile,
     , errorLog(openLibraryLogStream(logPath + QStringLiteral("error.log")))
     , tls(certFile, keyFile)
     , strand(ioContext)
+    , accept(endpoint, ioContext)
     , allowedOrigins(origins)
     , callbacks(std::move(callbacks))
     , messages(std::make_shared<EndpointConfig::con_msg_manager_type>())
@@ -40,6 +45,8 @@ WebsocketServer::WebsocketServer(unsigned short port, const QString& certFile,
     endpoint.set_open_handler(std::bind(&WebsocketServer::openHandler, this, _1));
     endpoint.set_close_handler(std::bind(&WebsocketServer::closeHandler, this, _1));
     endpoint.set_message_handler(std::bind(&WebsocketServer::messageHandler, this, _1, _2));
+    endpoint.set_ping_handler(std::bind(&WebsocketServer::pingHandler, this, _1, _2));
+    endpoint.set_fail_handler([this](websocketpp::connection_hdl) { accept.connectionClosed(); });
     endpoint.set_tls_init_handler([this](websocketpp::connection_hdl hdl) {
         TLOG_DEBUG() << "on_tls_init called with hdl: " << connectionAddress(hdl);
         return tls.context();
@@ -49,6 +56,8 @@ WebsocketServer::WebsocketServer(unsigned short port, const QString& certFile,
         TLOG_INFO() << "WebSocket connections from web pages accepted only for origins:"
                     << allowedOrigins.origins().join(QStringLiteral(", "));
 
+    // A restart must not wait for the connections of the last run to leave TIME_WAIT.
+    endpoint.set_reuse_addr(true);
     // Loopback only: the clients run on this machine, and nothing else should reach the service.
     endpoint.listen("127.0.0.1", std::to_string(port));
 }
@@ -64,7 +73,7 @@ void WebsocketServer::run()
 {
     if (stopped)
         return;
-    endpoint.start_accept();
+    accept.start();
     // Only stop() ends the loop, even while nothing at all is pending.
     const auto keepRunning = boost::asio::make_work_guard(ioContext);
     while (!stopped) {
@@ -80,6 +89,7 @@ void WebsocketServer::run()
 void WebsocketServer::stop()
 {
     stopped = true;
+    accept.stop();
     websocketpp::lib::error_code ignored;
     if (endpoint.is_listening())
         endpoint.stop_listening(ignored);
@@ -146,6 +156,11 @@ WebsocketServer::message_ptr WebsocketServer::prepareFrame(const QString& messag
 
 void WebsocketServer::deliver(const Endpoint::connection_ptr& connection, const message_ptr& frame)
 {
+    // Dropped already, its close still to come.
+    if (connection->get_state() != websocketpp::session::state::open)
+        return;
+    if (!hasRoomFor(connection, frame->get_payload().size()))
+        return;
     // A client may vanish at any moment, and its close is handled only later; a send in that
     // window fails, and the others must still get the message.
     if (const websocketpp::lib::error_code ec = connection->send(frame)) {
@@ -182,6 +197,14 @@ void WebsocketServer::openHandler(websocketpp::connection_hdl hdl)
 void WebsocketServer::closeHandler(websocketpp::connection_hdl hdl)
 {
     TLOG_DEBUG() << "on_close called with hdl: " << connectionAddress(hdl);
+    accept.connectionClosed();
+    websocketpp::lib::error_code ec;
+    const Endpoint::connection_ptr connection = endpoint.get_con_from_hdl(hdl, ec);
+    if (connection
+        && connection->get_local_close_code() == websocketpp::close::status::message_too_big) {
+        TLOG_WARN() << "Closed client" << connection.get() << ": it sent a message of more than"
+                    << EndpointConfig::max_message_size << "bytes.";
+    }
     const int removed = admitted.remove(hdl);
     if (callbacks.closed)
         callbacks.closed(removed);
@@ -191,4 +214,27 @@ void WebsocketServer::messageHandler(websocketpp::connection_hdl, message_ptr ms
 {
     if (callbacks.messageReceived)
         callbacks.messageReceived(msg->get_payload());
+}
+
+bool WebsocketServer::pingHandler(websocketpp::connection_hdl hdl, const std::string& payload)
+{
+    websocketpp::lib::error_code ec;
+    const Endpoint::connection_ptr connection = endpoint.get_con_from_hdl(hdl, ec);
+    // The pong is queued like any message, so a client that pings and never reads piles them up.
+    return connection && connection->get_state() == websocketpp::session::state::open
+           && hasRoomFor(connection, payload.size());
+}
+
+bool WebsocketServer::hasRoomFor(const Endpoint::connection_ptr& connection, size_t bytes)
+{
+    const size_t unsent = connection->get_buffered_amount();
+    if (unsent + bytes <= maxUnsentBytes)
+        return true;
+    TLOG_WARN() << "Dropped client" << connection.get() << ": it does not read," << unsent
+                << "bytes are waiting to be sent to it.";
+    // Cut at the TCP level first: the TLS goodbye would otherwise queue behind the unread data.
+    boost::system::error_code ignored;
+    connection->get_raw_socket().shutdown(boost::asio::socket_base::shutdown_both, ignored);
+    connection->terminate(websocketpp::lib::error_code());
+    return false;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "AcceptLoop.h"
 #include "AdmittedClients.h"
 #include "ConnectionContext.h"
 #include "EndpointConfig.h"
@@ -66,6 +67,10 @@ private:
     void openHandler(websocketpp::connection_hdl hdl);
     void closeHandler(websocketpp::connection_hdl hdl);
     void messageHandler(websocketpp::connection_hdl hdl, message_ptr msg);
+    bool pingHandler(websocketpp::connection_hdl hdl, const std::string& payload);
+
+    // False, after dropping the client, when `bytes` more would pass its bound of unsent data.
+    bool hasRoomFor(const Endpoint::connection_ptr& connection, size_t bytes);
 
     // One frame for all recipients; null (and logged) when it cannot be made.
     message_ptr prepareFrame(const QString& message);
@@ -81,6 +86,7 @@ private:
     boost::asio::io_context ioContext;
     Endpoint endpoint;
     boost::asio::io_context::strand strand;
+    AcceptLoop accept;
     OriginAllowList allowedOrigins;
     Callbacks callbacks;
     AdmittedClients admitted;

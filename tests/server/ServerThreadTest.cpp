@@ -159,6 +159,22 @@ TEST_F(RunningServer, StopEndsRunWithClientsConnectedAndEachStartEmptiesTheLibra
     }
 }
 
+TEST_F(RunningServer, ARestartRightAfterAStopWithClientsConnectedListensAtOnce)
+{
+    TestWsClient before;
+    ASSERT_TRUE(before.connect(port));
+    ASSERT_TRUE(waitForClients(1));
+    thread->stopServer();
+    ASSERT_TRUE(thread->wait(30000));
+
+    // The stopped server's connections still hold the port.
+    ServerThread again(port, cert.certFile(), cert.keyFile(), logPrefix(), nullptr);
+    again.start();
+    ASSERT_TRUE(again.waitForInit());
+    TestWsClient after;
+    EXPECT_TRUE(after.connect(port)) << after.lastError().toStdString();
+}
+
 TEST_F(RunningServer, ASecondServerOnTheSamePortFailsInitAndEnds)
 {
     ServerThread second(port, cert.certFile(), cert.keyFile(), logPrefix(), nullptr);
