@@ -48,6 +48,10 @@ TlsCredentials::TlsCredentials(const QString& certFile, const QString& keyFile)
     SSL_CTX_set_max_proto_version(native, TLS1_2_VERSION);
     // Thousands of idle clients would otherwise each keep some 50 KB of TLS buffers.
     SSL_CTX_set_mode(native, SSL_MODE_RELEASE_BUFFERS);
+    // Clients on this machine gain nothing from resuming sessions; the cache would keep one
+    // per connection for minutes, and tickets cost each handshake an encryption.
+    SSL_CTX_set_session_cache_mode(native, SSL_SESS_CACHE_OFF);
+    SSL_CTX_set_options(native, SSL_OP_NO_TICKET);
     // Forward secrecy and authenticated encryption only, for ECDSA and RSA certificates alike.
     if (SSL_CTX_set_cipher_list(native, "ECDHE+AESGCM:ECDHE+CHACHA20") != 1)
         TLOG_ERROR() << "Could not set the TLS cipher list:" << takeOpenSslErrors();
