@@ -19,7 +19,7 @@ bool outOfDescriptors(const boost::system::error_code& ec)
     if (ec.category() != boost::system::system_category())
         return false;
     const int code = ec.value();
-    return code == EMFILE || code == ENFILE || code == ENOBUFS || code == ENOMEM;
+    return code == EMFILE || code == ENFILE;
 }
 
 } // namespace
@@ -80,6 +80,9 @@ void AcceptLoop::accepted(const Endpoint::connection_ptr& connection,
             backoff = firstPause;
             TLOG_INFO() << "Accepting new WebSocket connections again.";
         }
+        // A greeting is several small messages in a row; none should wait for an ACK.
+        boost::system::error_code ignored;
+        connection->get_raw_socket().set_option(boost::asio::ip::tcp::no_delay(true), ignored);
         connection->start();
         acceptInto(endpoint.get_connection());
         return;
@@ -100,9 +103,11 @@ void AcceptLoop::accepted(const Endpoint::connection_ptr& connection,
         backoff = std::min(backoff * 2, longestPause);
         return;
     }
-    // A client that gave up while queued, and the like: the next one is unaffected.
+    // A client that gave up while queued, and the like: the next one is unaffected. The pause
+    // keeps an error that does not go away from spinning the loop.
     TLOG_DEBUG() << "Accepting a WebSocket connection failed:" << ec.message().c_str();
-    acceptInto(connection);
+    waiting = connection;
+    retryAfter(firstPause);
 }
 
 void AcceptLoop::retryAfter(std::chrono::milliseconds delay)
