@@ -1,5 +1,6 @@
 #pragma once
 
+#include "TlsSocketEndpoint.h"
 #include "UpgradeRequest.h"
 
 #include <websocketpp/config/asio.hpp>
@@ -18,6 +19,7 @@ struct EndpointConfig : public websocketpp::config::asio_tls
     struct transport_config : public base::transport_config
     {
         using request_type = type::request_type;
+        using socket_type = TlsSocket::endpoint;
 
         // A client that connects and then says nothing is let go after these, in ms.
         static const long timeout_socket_pre_init = 5000;

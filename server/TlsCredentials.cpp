@@ -52,6 +52,10 @@ TlsCredentials::TlsCredentials(const QString& certFile, const QString& keyFile)
     // per connection for minutes, and tickets cost each handshake an encryption.
     SSL_CTX_set_session_cache_mode(native, SSL_SESS_CACHE_OFF);
     SSL_CTX_set_options(native, SSL_OP_NO_TICKET);
+    // Reads and writes on a connection take turns; renegotiation would make a write wait for
+    // the client's data. A client that goes without a TLS goodbye is simply gone.
+    SSL_CTX_set_options(native, SSL_OP_NO_RENEGOTIATION | SSL_OP_IGNORE_UNEXPECTED_EOF);
+    SSL_CTX_set_mode(native, SSL_MODE_ENABLE_PARTIAL_WRITE);
     // Forward secrecy and authenticated encryption only, for ECDSA and RSA certificates alike.
     if (SSL_CTX_set_cipher_list(native, "ECDHE+AESGCM:ECDHE+CHACHA20") != 1)
         TLOG_ERROR() << "Could not set the TLS cipher list:" << takeOpenSslErrors();
