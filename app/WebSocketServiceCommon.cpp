@@ -141,9 +141,11 @@ void WebSocketServiceCommon::greetClient(const ConnectionContext& context)
         return;
     const QVector<QString> readers = cardObject->GetReaders();
     qDebug() << "Client connected.";
+    QStringList greeting;
     for (const QString& reader : readers)
-        sendToClient(ReaderCommand::build(reader, true), context);
-    sendToClient(VersionCommand::build(QCoreApplication::applicationVersion()), context);
+        greeting << messageText(ReaderCommand::build(reader, true));
+    greeting << messageText(VersionCommand::build(QCoreApplication::applicationVersion()));
+    serverThread->admitClient(context, greeting);
 }
 
 void WebSocketServiceCommon::sendToAll(const QJsonObject& message)

@@ -3,9 +3,19 @@
 #include "Log.h"
 #include "WebsocketServer.h"
 
-#include <QCoreApplication>
-
 #include <exception>
+
+namespace {
+
+// Queued signals and invokeMethod() calls carry contexts across threads, so the type must be
+// known by name before any of them happens.
+[[maybe_unused]] const int connectionContextTypeId =
+    qRegisterMetaType<ConnectionContext>("ConnectionContext");
+
+// Clients only listen; what they send is recorded, but a flood must not flood the log too.
+const int loggedMessageLength = 200;
+
+} // namespace
 
 ServerThread::ServerThread(quint16 port, const QString& certFile, const QString& keyFile,
                            const QString& logPath, QObject* parent)
@@ -25,9 +35,9 @@ ServerThread::~ServerThread()
         wait();
     }
     // wait() has ordered all of run() before this, but through Qt's own locks, which the thread
-    // sanitizer cannot see; run() ends by releasing stopMutex, and taking it shows the order.
-    std::lock_guard<std::mutex> runEnded(stopMutex);
-    delete server;
+    // sanitizer cannot see; run() ends by releasing the mutex, and taking it shows the order.
+    std::lock_guard<std::mutex> runEnded(mutex);
+    server.reset();
 }
 
 void ServerThread::setAllowedOrigins(const QStringList& origins)
@@ -43,7 +53,7 @@ void ServerThread::setAllowedOrigins(const QStringList& origins)
 
 bool ServerThread::waitForInit()
 {
-    std::unique_lock<std::mutex> lock(initMutex);
+    std::unique_lock<std::mutex> lock(mutex);
     initCondition.wait(lock, [this] { return initDone; });
     return initOk;
 }
@@ -51,125 +61,99 @@ bool ServerThread::waitForInit()
 void ServerThread::run()
 {
     serve();
-    std::lock_guard<std::mutex> runEnded(stopMutex);
+    std::lock_guard<std::mutex> runEnded(mutex);
 }
 
 void ServerThread::serve()
 {
-    WebsocketServer* created = nullptr;
+    WebsocketServer::Callbacks callbacks;
+    callbacks.opened = [this](const ConnectionContext& context) { clientConnected(context); };
+    callbacks.closed = [this](int removed) { clientDisconnected(removed); };
+    callbacks.messageReceived = [this](const std::string& payload) { messageReceived(payload); };
+
+    std::unique_ptr<WebsocketServer> created;
     try {
-        created = new WebsocketServer(port, certFile, keyFile, logPath, nullptr);
-        created->setAllowedOrigins(allowedOrigins);
-    } catch (const websocketpp::exception& error) {
+        created = std::make_unique<WebsocketServer>(port, certFile, keyFile, logPath,
+                                                    allowedOrigins, std::move(callbacks));
+    } catch (const std::exception& error) {
         TLOG_ERROR() << "Could not create server:" << error.what();
     }
 
+    WebsocketServer* serving = created.get();
     {
-        std::lock_guard<std::mutex> lock(initMutex);
-        server = created;
-        initOk = created != nullptr;
+        std::lock_guard<std::mutex> lock(mutex);
+        server = std::move(created);
+        initOk = serving != nullptr;
         initDone = true;
-        initCondition.notify_all();
+        // A stop that came before there was a server to queue it on.
+        if (serving && stopRequested)
+            serving->post([serving] { serving->stop(); });
     }
-    if (!created)
+    initCondition.notify_all();
+    if (serving)
+        serving->run();
+}
+
+template <typename Work>
+void ServerThread::queue(Work&& work)
+{
+    std::lock_guard<std::mutex> lock(mutex);
+    if (!server) {
+        TLOG_WARN() << "ServerThread: no server is running; message dropped.";
         return;
-
-    // The endpoint emits on this thread and the receiver lives on the owner's, so these queue.
-    connect(created, &WebsocketServer::onMessage, this, &ServerThread::messageReceived);
-    connect(created, &WebsocketServer::onConnect, this, &ServerThread::clientConnected);
-    connect(created, &WebsocketServer::onDisconnect, this, &ServerThread::clientDisconnected);
-
-    bool stop = isStopRequested();
-    created->start();
-    while (!stop) {
-        created->poll();
-        QCoreApplication::processEvents(QEventLoop::AllEvents);
-        stop = isStopRequested();
-        if (!stop)
-            msleep(10);
     }
-    // Open connections are left as they are: no close frames on the way out.
-    created->stop();
+    WebsocketServer* serving = server.get();
+    server->post([serving, work = std::forward<Work>(work)] { work(*serving); });
 }
 
 void ServerThread::stopServer()
 {
     TLOG_DEBUG() << "ServerThread::stopServer()";
-    std::lock_guard<std::mutex> lock(stopMutex);
+    std::lock_guard<std::mutex> lock(mutex);
     stopRequested = true;
+    if (WebsocketServer* serving = server.get())
+        serving->post([serving] { serving->stop(); });
 }
 
 void ServerThread::sendToAll(const QString& message)
 {
     TLOG_DEBUG() << "ServerThread::sendToAll:" << message;
-    WebsocketServer* endpoint = readyServer();
-    if (!endpoint)
-        return;
-    for (const ConnectionContext& client : qAsConst(clients))
-        sendTo(endpoint, client, message);
+    queue([message](WebsocketServer& serving) { serving.sendToAll(message); });
 }
 
 void ServerThread::sendToClient(const QString& message, ConnectionContext context)
 {
     TLOG_DEBUG() << "ServerThread::sendToClient:" << message;
-    if (WebsocketServer* endpoint = readyServer())
-        sendTo(endpoint, context, message);
+    queue([message, context](WebsocketServer& serving) { serving.sendToClient(message, context); });
 }
 
-void ServerThread::clientConnected(ConnectionContext context)
+void ServerThread::admitClient(ConnectionContext context, const QStringList& greeting)
+{
+    TLOG_DEBUG() << "ServerThread::admitClient:" << greeting.size() << "greeting message(s)";
+    queue([context, greeting](WebsocketServer& serving) { serving.admit(context, greeting); });
+}
+
+void ServerThread::clientConnected(const ConnectionContext& context)
 {
     TLOG_DEBUG() << "ServerThread::clientConnected";
-    clients.append(context);
     emit onClientConnected(context);
 }
 
-void ServerThread::clientDisconnected(ConnectionContext context)
+void ServerThread::clientDisconnected(int removed)
 {
     TLOG_DEBUG() << "ServerThread::clientDisconnected";
-    const int removed = clients.removeAll(context);
     TLOG_DEBUG() << "ServerThread::clientDisconnected: removed" << removed << "client(s).";
 }
 
-void ServerThread::messageReceived(ConnectionContext context, QString message)
+void ServerThread::messageReceived(const std::string& payload)
 {
-    Q_UNUSED(context)
-    // Clients only listen; anything they send is just recorded.
-    TLOG_DEBUG() << "ServerThread::messageReceived:" << message;
-}
-
-WebsocketServer* ServerThread::readyServer()
-{
-    WebsocketServer* ready = nullptr;
-    {
-        std::lock_guard<std::mutex> lock(initMutex);
-        ready = initOk ? server : nullptr;
+    // Like any C string handed over, the text ends at its first zero byte.
+    const QString text = QString::fromUtf8(payload.c_str());
+    if (text.size() <= loggedMessageLength) {
+        TLOG_DEBUG() << "ServerThread::messageReceived:" << text;
+    } else {
+        const QByteArray size = "(" + QByteArray::number(qulonglong(payload.size())) + " bytes in all)";
+        TLOG_DEBUG() << "ServerThread::messageReceived:" << text.left(loggedMessageLength)
+                     << size.constData();
     }
-    if (!ready)
-        TLOG_WARN() << "ServerThread: no server is running; message dropped.";
-    return ready;
-}
-
-void ServerThread::sendTo(WebsocketServer* endpoint, const ConnectionContext& context,
-                          const QString& message)
-{
-    // A client may vanish at any moment, and its close is reported seconds later; a send in
-    // that window fails. Escaping into the event loop would end the whole service.
-    try {
-        endpoint->sendTextMessage(context, message);
-    } catch (const std::exception& error) {
-        // The address matches the endpoint's "on_open" line while the connection still exists.
-        if (const auto connection = context.hdl.lock()) {
-            TLOG_WARN() << "ServerThread: could not send to client" << connection.get() << ":"
-                        << error.what();
-        } else {
-            TLOG_WARN() << "ServerThread: could not send to client (connection gone):"
-                        << error.what();
-        }
-    }
-}
-
-bool ServerThread::isStopRequested()
-{
-    std::lock_guard<std::mutex> lock(stopMutex);
-    return stopRequested;
 }

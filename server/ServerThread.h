@@ -2,19 +2,21 @@
 
 #include "ConnectionContext.h"
 
-#include <QList>
 #include <QString>
 #include <QStringList>
 #include <QThread>
 
 #include <condition_variable>
+#include <memory>
 #include <mutex>
+#include <string>
 
 class WebsocketServer;
 
-// Hosts the WebSocket endpoint on a thread of its own and keeps the list of connected clients.
-// The object itself stays on the thread that created it: its slots, the client list and the
-// sends run there, while run() creates and polls the endpoint on the new thread.
+// Hosts the WebSocket endpoint on a thread of its own, which waits on the endpoint's network
+// loop. Every public member may be called from any thread: the work is queued onto that loop,
+// so the endpoint and its clients are touched by the server thread alone, and work queued from
+// one thread runs in the order it was queued.
 class ServerThread : public QThread
 {
     Q_OBJECT
@@ -33,41 +35,44 @@ public:
     bool waitForInit();
 
 signals:
+    // Emitted on the server thread once a client's WebSocket is open. It gets no broadcasts
+    // until admitClient() is called for it.
     void onClientConnected(ConnectionContext context);
 
 public slots:
+    // Ends the thread; open connections get no close frames.
     void stopServer();
-    // A client that cannot be sent to is logged and skipped; these never throw.
+    // To every admitted client. A client that cannot be sent to is logged and skipped.
     void sendToAll(const QString& message);
     void sendToClient(const QString& message, ConnectionContext context);
-
-    void clientConnected(ConnectionContext context);
-    void clientDisconnected(ConnectionContext context);
-    void messageReceived(ConnectionContext context, QString message);
+    // Sends the greeting to the client, in order, and includes it in every later sendToAll.
+    void admitClient(ConnectionContext context, const QStringList& greeting);
 
 protected:
     void run() override;
 
 private:
     void serve();
-    WebsocketServer* readyServer();
-    void sendTo(WebsocketServer* endpoint, const ConnectionContext& context,
-                const QString& message);
-    bool isStopRequested();
+    // Runs work(WebsocketServer&) on the server thread; dropped, with a warning, when there is
+    // no server.
+    template <typename Work>
+    void queue(Work&& work);
+
+    void clientConnected(const ConnectionContext& context);
+    void clientDisconnected(int removed);
+    void messageReceived(const std::string& payload);
 
     // Standard primitives rather than QMutex: the thread sanitizer cannot see through Qt's
-    // futex-based locks, and would report every hand-over between the two threads.
-    WebsocketServer* server = nullptr;
+    // futex-based locks, and would report every hand-over between the threads.
+    std::unique_ptr<WebsocketServer> server;
     unsigned short port;
-    bool stopRequested = false;
-    std::mutex stopMutex;
-    std::mutex initMutex;
+    std::mutex mutex; // guards server (being set), the init outcome and stopRequested
+    std::condition_variable initCondition;
     bool initDone = false;
     bool initOk = false;
-    std::condition_variable initCondition;
+    bool stopRequested = false;
     QString certFile;
     QString keyFile;
     QString logPath;
     QStringList allowedOrigins;
-    QList<ConnectionContext> clients;
 };

@@ -1,107 +1,172 @@
 #include "WebsocketServer.h"
 
+#include "LibraryLogStream.h"
 #include "Log.h"
 
-#include <QStringList>
-
-#include <openssl/err.h>
-#include <openssl/ssl.h>
-
-#include <functional>
+#include <exception>
 #include <string>
 
 namespace {
-
-// Queued signals and invokeMethod() calls carry contexts across threads, so the type must be
-// known by name before any of them happens.
-[[maybe_unused]] const int connectionContextTypeId =
-    qRegisterMetaType<ConnectionContext>("ConnectionContext");
 
 const void* connectionAddress(const websocketpp::connection_hdl& hdl)
 {
     return hdl.lock().get();
 }
 
-std::unique_ptr<std::ofstream> openTruncated(const QString& path)
-{
-    // A stream that failed to open is kept all the same: the library then logs nothing.
-    return std::make_unique<std::ofstream>(path.toUtf8().toStdString(),
-                                           std::ios::out | std::ios::trunc);
-}
+// A client that reads keeps this close to zero; one that stops reading (or floods pings and
+// never reads the pongs) passes it and is dropped, rather than holding the service's memory.
+const size_t maxUnsentBytes = 1024 * 1024;
 
 } // namespace
 
-WebsocketServer::WebsocketServer(unsigned short port, const QString& certfile,
-                                 const QString& keyfile, const QString& logpath, QObject* parent)
-    : QObject(parent)
-    , certFile(certfile)
-    , keyFile(keyfile)
-    , logPath(logpath)
+WebsocketServer::WebsocketServer(unsigned short port, const QString& certFile,
+                                 const QString& keyFile, const QString& logPath,
+                                 const QStringList& origins, Callbacks callbacks)
+    : accessLog(openLibraryLogStream(logPath + QStringLiteral("access.log")))
+    , errorLog(openLibraryLogStream(logPath + QStringLiteral("error.log")))
+    , tls(certFile, keyFile)
+    , strand(ioContext)
+    , accept(endpoint, ioContext)
+    , allowedOrigins(origins)
+    , callbacks(std::move(callbacks))
+    , messages(std::make_shared<EndpointConfig::con_msg_manager_type>())
+    , framer(true, true, messages, rng)
 {
     using std::placeholders::_1;
     using std::placeholders::_2;
 
-    accessLog = openTruncated(logPath + QStringLiteral("access.log"));
     endpoint.get_alog().set_ostream(accessLog.get());
-    errorLog = openTruncated(logPath + QStringLiteral("error.log"));
     endpoint.get_elog().set_ostream(errorLog.get());
+    endpoint.set_access_channels(websocketpp::log::alevel::access_core);
 
-    endpoint.init_asio();
+    endpoint.init_asio(&ioContext);
 
     endpoint.set_validate_handler(std::bind(&WebsocketServer::validateHandler, this, _1));
     endpoint.set_open_handler(std::bind(&WebsocketServer::openHandler, this, _1));
     endpoint.set_close_handler(std::bind(&WebsocketServer::closeHandler, this, _1));
     endpoint.set_message_handler(std::bind(&WebsocketServer::messageHandler, this, _1, _2));
-    endpoint.set_tls_init_handler(std::bind(&WebsocketServer::tlsInitHandler, this, _1));
+    endpoint.set_ping_handler(std::bind(&WebsocketServer::pingHandler, this, _1, _2));
+    endpoint.set_fail_handler([this](websocketpp::connection_hdl) { accept.connectionClosed(); });
+    endpoint.set_tls_init_handler([this](websocketpp::connection_hdl hdl) {
+        TLOG_DEBUG() << "on_tls_init called with hdl: " << connectionAddress(hdl);
+        return tls.context();
+    });
 
+    if (!allowedOrigins.isEmpty())
+        TLOG_INFO() << "WebSocket connections from web pages accepted only for origins:"
+                    << allowedOrigins.origins().join(QStringLiteral(", "));
+
+    // A restart must not wait for the connections of the last run to leave TIME_WAIT.
+    endpoint.set_reuse_addr(true);
     // Loopback only: the clients run on this machine, and nothing else should reach the service.
     endpoint.listen("127.0.0.1", std::to_string(port));
 }
 
 WebsocketServer::~WebsocketServer()
 {
-    if (endpoint.is_listening()) {
-        websocketpp::lib::error_code ignored;
+    websocketpp::lib::error_code ignored;
+    if (endpoint.is_listening())
         endpoint.stop_listening(ignored);
+}
+
+void WebsocketServer::run()
+{
+    if (stopped)
+        return;
+    accept.start();
+    // Only stop() ends the loop, even while nothing at all is pending.
+    const auto keepRunning = boost::asio::make_work_guard(ioContext);
+    while (!stopped) {
+        try {
+            ioContext.run();
+        } catch (const std::exception& error) {
+            // One failing handler must not end the service for every other client.
+            TLOG_ERROR() << "WebSocket server:" << error.what();
+        }
     }
-}
-
-void WebsocketServer::setAllowedOrigins(const QStringList& origins)
-{
-    allowedOrigins = OriginAllowList(origins);
-    if (!allowedOrigins.isEmpty())
-        TLOG_INFO() << "WebSocket connections from web pages accepted only for origins:"
-                    << allowedOrigins.origins().join(QStringLiteral(", "));
-}
-
-void WebsocketServer::start()
-{
-    endpoint.start_accept();
-}
-
-void WebsocketServer::poll()
-{
-    endpoint.poll();
 }
 
 void WebsocketServer::stop()
 {
+    stopped = true;
+    accept.stop();
+    websocketpp::lib::error_code ignored;
     if (endpoint.is_listening())
-        endpoint.stop_listening();
-    endpoint.stop();
+        endpoint.stop_listening(ignored);
+    ioContext.stop();
 }
 
-void WebsocketServer::sendTextMessage(ConnectionContext context, QString message)
+void WebsocketServer::sendToAll(const QString& message)
+{
+    if (admitted.isEmpty())
+        return;
+    const message_ptr frame = prepareFrame(message);
+    if (!frame)
+        return;
+    for (const websocketpp::connection_hdl& hdl : admitted.all()) {
+        websocketpp::lib::error_code ec;
+        if (const Endpoint::connection_ptr connection = endpoint.get_con_from_hdl(hdl, ec))
+            deliver(connection, frame);
+    }
+}
+
+void WebsocketServer::sendToClient(const QString& message, const ConnectionContext& context)
+{
+    websocketpp::lib::error_code ec;
+    const Endpoint::connection_ptr connection = endpoint.get_con_from_hdl(context.hdl, ec);
+    if (!connection) {
+        TLOG_WARN() << "ServerThread: could not send to client (connection gone):"
+                    << ec.message().c_str();
+        return;
+    }
+    if (const message_ptr frame = prepareFrame(message))
+        deliver(connection, frame);
+}
+
+void WebsocketServer::admit(const ConnectionContext& context, const QStringList& greeting)
+{
+    websocketpp::lib::error_code ec;
+    const Endpoint::connection_ptr connection = endpoint.get_con_from_hdl(context.hdl, ec);
+    // Gone before its turn came: its close has been handled already, or never will be needed.
+    if (!connection || connection->get_state() != websocketpp::session::state::open) {
+        TLOG_DEBUG() << "ServerThread: client left before it was admitted.";
+        return;
+    }
+    for (const QString& message : greeting) {
+        if (const message_ptr frame = prepareFrame(message))
+            deliver(connection, frame);
+    }
+    admitted.add(context.hdl);
+}
+
+WebsocketServer::message_ptr WebsocketServer::prepareFrame(const QString& message)
 {
     // The payload ends at the first zero byte, like any C string handed to the library.
     const std::string payload(message.toUtf8().constData());
-    try {
-        endpoint.send(context.hdl, payload, websocketpp::frame::opcode::text);
-    } catch (const websocketpp::lib::error_code& error) {
-        TLOG_WARN() << "Failed to send message: " << "(" << error.message().c_str() << ")";
+    const message_ptr text = messages->get_message(websocketpp::frame::opcode::text,
+                                                   payload.size());
+    text->append_payload(payload);
+    message_ptr frame = messages->get_message();
+    if (const websocketpp::lib::error_code ec = framer.prepare_data_frame(text, frame)) {
+        TLOG_WARN() << "Failed to send message: " << "(" << ec.message().c_str() << ")";
+        return {};
     }
-    // websocketpp::exception (client gone, connection not open) is left to the caller,
-    // which knows which client it was sending to.
+    return frame;
+}
+
+void WebsocketServer::deliver(const Endpoint::connection_ptr& connection, const message_ptr& frame)
+{
+    // Dropped already, its close still to come.
+    if (connection->get_state() != websocketpp::session::state::open)
+        return;
+    if (!hasRoomFor(connection, frame->get_payload().size()))
+        return;
+    // A client may vanish at any moment, and its close is handled only later; a send in that
+    // window fails, and the others must still get the message.
+    if (const websocketpp::lib::error_code ec = connection->send(frame)) {
+        TLOG_WARN() << "ServerThread: could not send to client" << connection.get() << ":"
+                    << ec.message().c_str();
+    }
 }
 
 bool WebsocketServer::validateHandler(websocketpp::connection_hdl hdl)
@@ -125,63 +190,51 @@ bool WebsocketServer::validateHandler(websocketpp::connection_hdl hdl)
 void WebsocketServer::openHandler(websocketpp::connection_hdl hdl)
 {
     TLOG_DEBUG() << "on_open called with hdl: " << connectionAddress(hdl);
-    emit onConnect(ConnectionContext{hdl});
+    if (callbacks.opened)
+        callbacks.opened(ConnectionContext{hdl});
 }
 
 void WebsocketServer::closeHandler(websocketpp::connection_hdl hdl)
 {
     TLOG_DEBUG() << "on_close called with hdl: " << connectionAddress(hdl);
-    emit onDisconnect(ConnectionContext{hdl});
-}
-
-void WebsocketServer::messageHandler(websocketpp::connection_hdl hdl, message_ptr msg)
-{
-    const std::string& payload = msg->get_payload();
-    TLOG_DEBUG() << "on_message called with hdl: " << connectionAddress(hdl) << " and message: "
-                 << payload.c_str();
-    emit onMessage(ConnectionContext{hdl}, QString::fromUtf8(payload.c_str()));
-}
-
-WebsocketServer::TlsContextPtr WebsocketServer::tlsInitHandler(websocketpp::connection_hdl hdl)
-{
-    namespace ssl = boost::asio::ssl;
-    TLOG_DEBUG() << "on_tls_init called with hdl: " << connectionAddress(hdl);
-
-    TlsContextPtr context;
-    try {
-        context = std::make_shared<ssl::context>(ssl::context::tlsv12);
-        context->set_options(ssl::context::default_workarounds | ssl::context::no_sslv2
-                             | ssl::context::no_sslv3 | ssl::context::single_dh_use);
-    } catch (const std::exception& error) {
-        TLOG_ERROR() << error.what();
-        return context;
+    accept.connectionClosed();
+    websocketpp::lib::error_code ec;
+    const Endpoint::connection_ptr connection = endpoint.get_con_from_hdl(hdl, ec);
+    if (connection
+        && connection->get_local_close_code() == websocketpp::close::status::message_too_big) {
+        TLOG_WARN() << "Closed client" << connection.get() << ": it sent a message of more than"
+                    << EndpointConfig::max_message_size << "bytes.";
     }
-    // The library prepares each connection before the client arrives, so reading the files
-    // here would hand a replaced certificate only to the connection after next. Reading them
-    // when the handshake starts gives it to the very next client, without a restart.
-    SSL_CTX_set_cert_cb(context->native_handle(), &WebsocketServer::loadCredentials, this);
-    return context;
+    const int removed = admitted.remove(hdl);
+    if (callbacks.closed)
+        callbacks.closed(removed);
 }
 
-int WebsocketServer::loadCredentials(SSL* ssl, void* self)
+void WebsocketServer::messageHandler(websocketpp::connection_hdl, message_ptr msg)
 {
-    const auto* server = static_cast<const WebsocketServer*>(self);
-    const QByteArray cert = server->certFile.toUtf8();
-    const QByteArray key = server->keyFile.toUtf8();
-    ERR_clear_error();
-    if (SSL_use_certificate_chain_file(ssl, cert.constData()) == 1
-        && SSL_use_PrivateKey_file(ssl, key.constData(), SSL_FILETYPE_PEM) == 1
-        && SSL_check_private_key(ssl) == 1)
-        return 1;
+    if (callbacks.messageReceived)
+        callbacks.messageReceived(msg->get_payload());
+}
 
-    // Only this client's handshake fails; the endpoint keeps serving the others.
-    QStringList reasons;
-    char text[256];
-    while (const unsigned long code = ERR_get_error()) {
-        ERR_error_string_n(code, text, sizeof text);
-        reasons << QString::fromLatin1(text);
-    }
-    TLOG_ERROR() << "Could not load certificate" << server->certFile << "or key" << server->keyFile
-                 << ":" << reasons.join(QStringLiteral("; ")).toUtf8().constData();
-    return 0;
+bool WebsocketServer::pingHandler(websocketpp::connection_hdl hdl, const std::string& payload)
+{
+    websocketpp::lib::error_code ec;
+    const Endpoint::connection_ptr connection = endpoint.get_con_from_hdl(hdl, ec);
+    // The pong is queued like any message, so a client that pings and never reads piles them up.
+    return connection && connection->get_state() == websocketpp::session::state::open
+           && hasRoomFor(connection, payload.size());
+}
+
+bool WebsocketServer::hasRoomFor(const Endpoint::connection_ptr& connection, size_t bytes)
+{
+    const size_t unsent = connection->get_buffered_amount();
+    if (unsent + bytes <= maxUnsentBytes)
+        return true;
+    TLOG_WARN() << "Dropped client" << connection.get() << ": it does not read," << unsent
+                << "bytes are waiting to be sent to it.";
+    // Cut at the TCP level first: the TLS goodbye would otherwise queue behind the unread data.
+    boost::system::error_code ignored;
+    connection->get_raw_socket().shutdown(boost::asio::socket_base::shutdown_both, ignored);
+    connection->terminate(websocketpp::lib::error_code());
+    return false;
 }

@@ -1,69 +1,99 @@
 #pragma once
 
+#include "AcceptLoop.h"
+#include "AdmittedClients.h"
 #include "ConnectionContext.h"
+#include "EndpointConfig.h"
 #include "OriginAllowList.h"
+#include "TlsCredentials.h"
 
-#include <QObject>
 #include <QString>
 #include <QStringList>
 
-#include <websocketpp/config/asio.hpp>
+#include <websocketpp/processors/hybi13.hpp>
 #include <websocketpp/server.hpp>
 
-#include <fstream>
+#include <functional>
 #include <memory>
+#include <ostream>
+#include <string>
 
-// The secure WebSocket endpoint on 127.0.0.1. It runs no event loop of its own: one thread
-// creates it and drives it with poll(), and every signal is emitted on that thread.
-// sendTextMessage() may be called from any thread.
-class WebsocketServer : public QObject
+// The secure WebSocket endpoint on 127.0.0.1 and the clients it broadcasts to. run() makes the
+// calling thread its server thread; everything else except post() must run on that thread,
+// where every callback is made as well.
+class WebsocketServer
 {
-    Q_OBJECT
-
 public:
-    using Endpoint = websocketpp::server<websocketpp::config::asio_tls>;
+    using Endpoint = websocketpp::server<EndpointConfig>;
     using message_ptr = Endpoint::message_ptr;
-    using TlsContextPtr = std::shared_ptr<boost::asio::ssl::context>;
 
-    // Binds and listens; throws websocketpp::exception when that fails (e.g. the port is taken).
+    struct Callbacks
+    {
+        std::function<void(const ConnectionContext&)> opened;
+        // How many admitted clients the close removed (0 for one never admitted).
+        std::function<void(int removed)> closed;
+        std::function<void(const std::string& payload)> messageReceived;
+    };
+
+    // Binds and listens; throws std::exception when that fails (e.g. the port is taken).
     // logPath is a prefix: "access.log" and "error.log" are appended to it as they are.
-    WebsocketServer(unsigned short port, const QString& certfile, const QString& keyfile,
-                    const QString& logpath, QObject* parent);
-    ~WebsocketServer() override;
+    WebsocketServer(unsigned short port, const QString& certFile, const QString& keyFile,
+                    const QString& logPath, const QStringList& allowedOrigins,
+                    Callbacks callbacks);
+    ~WebsocketServer();
+    WebsocketServer(const WebsocketServer&) = delete;
+    WebsocketServer& operator=(const WebsocketServer&) = delete;
 
-    // Web pages that may connect, by origin; others are refused with HTTP 403. Empty (the
-    // default) lets every origin in. Call before start(), on the polling thread.
-    void setAllowedOrigins(const QStringList& origins);
+    // Serves until stop(). Returns at once if stop() has already run.
+    void run();
 
-    void start();
-    void poll();
+    // Any thread: queues work for the server thread. Work posted from one thread runs in
+    // the order it was posted.
+    template <typename Work>
+    void post(Work&& work)
+    {
+        boost::asio::post(strand, std::forward<Work>(work));
+    }
+
+    // Server thread only. A client that cannot be sent to is logged and skipped.
+    void sendToAll(const QString& message);
+    void sendToClient(const QString& message, const ConnectionContext& context);
+    void admit(const ConnectionContext& context, const QStringList& greeting);
+    // Stops listening and ends run(); open connections get no close frames.
     void stop();
-
-signals:
-    void onMessage(ConnectionContext context, QString message);
-    void onConnect(ConnectionContext context);
-    void onDisconnect(ConnectionContext context);
-
-public slots:
-    // Throws websocketpp::exception when the client is gone or its connection is not open.
-    void sendTextMessage(ConnectionContext context, QString message);
 
 private:
     bool validateHandler(websocketpp::connection_hdl hdl);
     void openHandler(websocketpp::connection_hdl hdl);
     void closeHandler(websocketpp::connection_hdl hdl);
     void messageHandler(websocketpp::connection_hdl hdl, message_ptr msg);
-    TlsContextPtr tlsInitHandler(websocketpp::connection_hdl hdl);
-    // OpenSSL certificate callback: puts the current certificate chain and key on one handshake.
-    static int loadCredentials(SSL* ssl, void* self);
+    bool pingHandler(websocketpp::connection_hdl hdl, const std::string& payload);
 
-    // The library's loggers write through raw pointers to these, so they must outlive endpoint.
-    std::unique_ptr<std::ofstream> accessLog;
-    std::unique_ptr<std::ofstream> errorLog;
+    // False, after dropping the client, when `bytes` more would pass its bound of unsent data.
+    bool hasRoomFor(const Endpoint::connection_ptr& connection, size_t bytes);
 
+    // One frame for all recipients; null (and logged) when it cannot be made.
+    message_ptr prepareFrame(const QString& message);
+    void deliver(const Endpoint::connection_ptr& connection, const message_ptr& frame);
+
+    // The library's loggers write through raw pointers to these, so they must outlive endpoint;
+    // and the connections the endpoint still holds at the end use the TLS context.
+    std::unique_ptr<std::ostream> accessLog;
+    std::unique_ptr<std::ostream> errorLog;
+    TlsCredentials tls;
+
+    // Ours rather than the library's, so that the strand below can be made with it.
+    boost::asio::io_context ioContext;
     Endpoint endpoint;
-    QString certFile;
-    QString keyFile;
-    QString logPath;
+    boost::asio::io_context::strand strand;
+    AcceptLoop accept;
     OriginAllowList allowedOrigins;
+    Callbacks callbacks;
+    AdmittedClients admitted;
+    bool stopped = false;
+
+    // Frames every client of the current protocol accepts, made once per broadcast.
+    EndpointConfig::rng_type rng;
+    EndpointConfig::con_msg_manager_type::ptr messages;
+    websocketpp::processor::hybi13<EndpointConfig> framer;
 };

@@ -1,4 +1,7 @@
+#include "RawTlsClient.h"
 #include "RunningServer.h"
+
+#include <QProcess>
 
 #include <QFile>
 
@@ -15,7 +18,7 @@ TEST_F(RunningServer, OnlyTls12IsAccepted)
     // has been handled, and any announcement it wrongly caused has arrived.
     ASSERT_TRUE(any.send("last"));
     ASSERT_TRUE(logged("ServerThread::messageReceived: \"last\""));
-    EXPECT_EQ(announced.size(), 2u) << "a refused handshake was announced as a client";
+    EXPECT_EQ(announcedClients().size(), 2u) << "a refused handshake was announced as a client";
 }
 
 TEST_F(RunningServer, CertificateAndKeyAreReadAtEveryHandshake)
@@ -56,4 +59,30 @@ TEST_F(RunningServer, CertificateAndKeyAreReadAtEveryHandshake)
     thread->sendToAll("still serving");
     for (TestWsClient* client : {&first, &second})
         EXPECT_EQ(client->nextMessage(), QStringLiteral("still serving"));
+}
+
+TEST_F(RunningServer, OnlyEcdheWithAeadSuitesAreOfferedForEcdsaAndRsaCertificates)
+{
+    const auto accepts = [this](const char* suite) {
+        RawTlsClient client;
+        return client.connectTcp(port) && client.startTls(suite) && client.negotiatedCipher() == suite;
+    };
+    // The test certificate has an EC key.
+    EXPECT_TRUE(accepts("ECDHE-ECDSA-AES128-GCM-SHA256"));
+    EXPECT_TRUE(accepts("ECDHE-ECDSA-AES256-GCM-SHA384"));
+    EXPECT_TRUE(accepts("ECDHE-ECDSA-CHACHA20-POLY1305"));
+    EXPECT_FALSE(accepts("ECDHE-ECDSA-AES128-SHA"));
+    EXPECT_FALSE(accepts("ECDHE-ECDSA-AES256-SHA384"));
+
+    // The same with an RSA pair, put in place while the server runs.
+    const int made = QProcess::execute("openssl", {"req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "1",
+                                                   "-subj", "/CN=localhost", "-keyout", cert.keyFile(),
+                                                   "-out", cert.certFile()});
+    ASSERT_EQ(made, 0);
+    EXPECT_TRUE(accepts("ECDHE-RSA-AES128-GCM-SHA256"));
+    EXPECT_TRUE(accepts("ECDHE-RSA-CHACHA20-POLY1305"));
+    EXPECT_FALSE(accepts("AES128-GCM-SHA256"));          // static RSA key exchange
+    EXPECT_FALSE(accepts("DHE-RSA-AES128-GCM-SHA256"));  // finite-field Diffie-Hellman
+    EXPECT_FALSE(accepts("ECDHE-RSA-AES128-SHA256"));    // CBC
+    EXPECT_FALSE(accepts("AES256-SHA"));
 }

@@ -36,7 +36,7 @@ TEST_F(KioskOnlyServer, OnlyListedPagesAndClientsWithoutOriginGetIn)
     // been handled, and any announcement it wrongly caused has arrived.
     ASSERT_TRUE(tool.send("last"));
     ASSERT_TRUE(logged("ServerThread::messageReceived: \"last\""));
-    EXPECT_EQ(announced.size(), 3u) << "a refused handshake was announced as a client";
+    EXPECT_EQ(announcedClients().size(), 3u) << "a refused handshake was announced as a client";
 }
 
 // No setting, and a setting of nothing but blanks, both mean: no restriction.

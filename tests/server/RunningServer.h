@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <mutex>
 #include <ostream>
 #include <vector>
 
@@ -47,12 +48,15 @@ protected:
             auto candidate =
                 std::make_unique<ServerThread>(port, cert.certFile(), cert.keyFile(), logPrefix(), nullptr);
             candidate->setAllowedOrigins(allowedOrigins);
-            QObject::connect(candidate.get(), &ServerThread::onClientConnected,
-                             [this](ConnectionContext context) {
-                                 // The client list lives on the owner's thread, where the endpoint's events queue.
-                                 EXPECT_EQ(QThread::currentThread(), qApp->thread());
+            ServerThread* server = candidate.get();
+            // Emitted on the server thread; the service admits from inside the handler too.
+            QObject::connect(candidate.get(), &ServerThread::onClientConnected, candidate.get(),
+                             [this, server](ConnectionContext context) {
+                                 std::lock_guard<std::mutex> lock(announcedMutex);
                                  announced.push_back(context);
-                             });
+                                 if (autoAdmit)
+                                     server->admitClient(context, greeting);
+                             }, Qt::DirectConnection);
             candidate->start();
             if (candidate->waitForInit())
                 thread = std::move(candidate);
@@ -71,7 +75,15 @@ protected:
     }
 
     QString logPrefix() const { return logDir.path() + QLatin1Char('/'); }
-    bool waitForClients(size_t count) { return waitUntil([&] { return announced.size() >= count; }); }
+    bool waitForClients(size_t count)
+    {
+        return waitUntil([&] { return announcedClients().size() >= count; });
+    }
+    std::vector<ConnectionContext> announcedClients()
+    {
+        std::lock_guard<std::mutex> lock(announcedMutex);
+        return announced;
+    }
 
     // Fixtures that restrict origins set this in their constructor.
     QStringList allowedOrigins;
@@ -79,5 +91,9 @@ protected:
     QTemporaryDir logDir;
     quint16 port = 0;
     std::unique_ptr<ServerThread> thread;
+    // What every announced client is sent when admitted; fixtures that admit by hand clear autoAdmit.
+    QStringList greeting;
+    bool autoAdmit = true;
+    std::mutex announcedMutex;
     std::vector<ConnectionContext> announced;
 };

@@ -1,0 +1,57 @@
+#pragma once
+
+#include <QString>
+
+#include <boost/asio/ssl/context.hpp>
+
+#include <sys/types.h>
+
+#include <ctime>
+#include <memory>
+
+// The one TLS context all connections share. The certificate chain and key are parsed once and
+// again only when either file has changed since, which a stat of both at every handshake tells;
+// so a replaced certificate serves the very next client, and a broken one fails only the
+// handshakes that meet it.
+class TlsCredentials
+{
+public:
+    using ContextPtr = std::shared_ptr<boost::asio::ssl::context>;
+
+    // Throws std::exception when OpenSSL cannot make the context at all.
+    TlsCredentials(const QString& certFile, const QString& keyFile);
+    ~TlsCredentials();
+    TlsCredentials(const TlsCredentials&) = delete;
+    TlsCredentials& operator=(const TlsCredentials&) = delete;
+
+    const ContextPtr& context() const { return shared; }
+
+private:
+    struct FileStamp
+    {
+        bool exists = false;
+        dev_t device = 0;
+        ino_t inode = 0;
+        off_t size = 0;
+        timespec modified{};
+        timespec changed{};
+        bool operator==(const FileStamp& other) const;
+    };
+
+    static FileStamp stampOf(const QString& path);
+    // OpenSSL's certificate callback, run on the server thread as each handshake starts.
+    static int onHandshake(SSL* ssl, void* self);
+    bool applyTo(SSL* ssl);
+    void reloadIfChanged();
+
+    QString certFile;
+    QString keyFile;
+    ContextPtr shared;
+    // The parsed pair (held in a context of its own, only as their container), or why it could
+    // not be parsed; it matches the stamps below.
+    std::unique_ptr<SSL_CTX, void (*)(SSL_CTX*)> loaded{nullptr, SSL_CTX_free};
+    QString loadError;
+    FileStamp certStamp;
+    FileStamp keyStamp;
+    bool everLoaded = false;
+};

@@ -1,0 +1,190 @@
+#pragma once
+
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/ssl/context.hpp>
+#include <boost/asio/ssl/error.hpp>
+#include <boost/asio/ssl/stream_base.hpp>
+
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <utility>
+#include <vector>
+
+// TLS on a TCP socket, with OpenSSL reading and writing the socket itself. Boost's own TLS
+// stream keeps two 17 KiB record buffers and a 34 KiB BIO pair for every connection, even an
+// idle one: most of what thousands of listening clients cost. Here an idle connection holds
+// little more than OpenSSL's session state (its buffers are released when idle).
+// Used from the one thread that runs the socket's io_context.
+class TlsStream
+{
+public:
+    using lowest_layer_type = boost::asio::ip::tcp::socket;
+    using next_layer_type = boost::asio::ip::tcp::socket;
+    using executor_type = lowest_layer_type::executor_type;
+
+    TlsStream(boost::asio::io_context& ioContext, boost::asio::ssl::context& context)
+        : socket(ioContext)
+        , ssl(SSL_new(context.native_handle()))
+    {
+    }
+    ~TlsStream() { SSL_free(ssl); }
+    TlsStream(const TlsStream&) = delete;
+    TlsStream& operator=(const TlsStream&) = delete;
+
+    executor_type get_executor() { return socket.get_executor(); }
+    lowest_layer_type& lowest_layer() { return socket; }
+    next_layer_type& next_layer() { return socket; }
+    SSL* native_handle() { return ssl; }
+
+    // Handler: void(error_code)
+    template <typename Handler>
+    void async_handshake(boost::asio::ssl::stream_base::handshake_type type, Handler&& handler)
+    {
+        boost::system::error_code ec;
+        socket.non_blocking(true, ec);
+        BIO* bio = ssl && !ec ? newSocketBio(static_cast<int>(socket.native_handle())) : nullptr;
+        if (!bio) {
+            if (!ec)
+                ec = boost::asio::error::no_memory;
+            return complete(std::forward<Handler>(handler), ec);
+        }
+        SSL_set_bio(ssl, bio, bio);
+        if (type == boost::asio::ssl::stream_base::server)
+            SSL_set_accept_state(ssl);
+        else
+            SSL_set_connect_state(ssl);
+        perform([this] { return SSL_do_handshake(ssl); },
+                withoutSize(std::forward<Handler>(handler)));
+    }
+
+    // Handler: void(error_code). Sends our close_notify; the peer's is not waited for.
+    template <typename Handler>
+    void async_shutdown(Handler&& handler)
+    {
+        perform(
+            [this] {
+                const int result = SSL_shutdown(ssl);
+                return result >= 0 ? 1 : result;
+            },
+            withoutSize(std::forward<Handler>(handler)));
+    }
+
+    // Handler: void(error_code, std::size_t)
+    template <typename MutableBuffers, typename Handler>
+    void async_read_some(const MutableBuffers& buffers, Handler&& handler)
+    {
+        const auto target = firstNonEmpty<boost::asio::mutable_buffer>(buffers);
+        if (target.size() == 0)
+            return complete(std::forward<Handler>(handler), boost::system::error_code(), 0);
+        perform([this, target] { return SSL_read(ssl, target.data(), clamp(target.size())); },
+                std::forward<Handler>(handler));
+    }
+
+    // Handler: void(error_code, std::size_t). Gathers the buffers into one TLS record where
+    // they fit, rather than one record and one system call for each small piece.
+    template <typename ConstBuffers, typename Handler>
+    void async_write_some(const ConstBuffers& buffers, Handler&& handler)
+    {
+        staging.clear();
+        for (auto it = boost::asio::buffer_sequence_begin(buffers);
+             it != boost::asio::buffer_sequence_end(buffers) && staging.size() < maxRecord; ++it) {
+            const boost::asio::const_buffer piece(*it);
+            const std::size_t take = std::min(piece.size(), maxRecord - staging.size());
+            const char* data = static_cast<const char*>(piece.data());
+            staging.insert(staging.end(), data, data + take);
+        }
+        if (staging.empty())
+            return complete(std::forward<Handler>(handler), boost::system::error_code(), 0);
+        perform([this] { return SSL_write(ssl, staging.data(), clamp(staging.size())); },
+                std::forward<Handler>(handler));
+    }
+
+private:
+    static constexpr std::size_t maxRecord = 16384;
+
+    // OpenSSL's own socket BIO writes with write(), which raises SIGPIPE when the client has
+    // gone; this one sends with MSG_NOSIGNAL, as asio does.
+    static BIO* newSocketBio(int fd);
+
+    static int clamp(std::size_t size) { return static_cast<int>(std::min<std::size_t>(size, 1 << 30)); }
+
+    template <typename Buffer, typename Buffers>
+    static Buffer firstNonEmpty(const Buffers& buffers)
+    {
+        for (auto it = boost::asio::buffer_sequence_begin(buffers);
+             it != boost::asio::buffer_sequence_end(buffers); ++it) {
+            const Buffer buffer(*it);
+            if (buffer.size() > 0)
+                return buffer;
+        }
+        return Buffer();
+    }
+
+    template <typename Handler>
+    static auto withoutSize(Handler&& handler)
+    {
+        return [handler = std::forward<Handler>(handler)](const boost::system::error_code& ec,
+                                                          std::size_t) mutable { handler(ec); };
+    }
+
+    // Completions never run inside the call that started the operation.
+    template <typename Handler, typename... Args>
+    void complete(Handler&& handler, Args... args)
+    {
+        boost::asio::post(socket.get_executor(),
+                          [handler = std::forward<Handler>(handler), args...]() mutable {
+                              handler(args...);
+                          });
+    }
+
+    // Runs one OpenSSL call until it succeeds or fails, waiting on the socket whenever
+    // OpenSSL needs to read or write it first.
+    template <typename Operation, typename Handler>
+    void perform(Operation operation, Handler&& handler)
+    {
+        ERR_clear_error();
+        const int result = operation();
+        if (result > 0)
+            return complete(std::forward<Handler>(handler), boost::system::error_code(),
+                            static_cast<std::size_t>(result));
+        const int error = SSL_get_error(ssl, result);
+        if (error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE) {
+            const auto wait = error == SSL_ERROR_WANT_READ ? lowest_layer_type::wait_read
+                                                           : lowest_layer_type::wait_write;
+            socket.async_wait(wait, [this, operation, handler = std::forward<Handler>(handler)](
+                                        const boost::system::error_code& ec) mutable {
+                if (ec)
+                    return handler(ec, std::size_t(0));
+                perform(operation, std::move(handler));
+            });
+            return;
+        }
+        complete(std::forward<Handler>(handler), errorCode(error, result), std::size_t(0));
+    }
+
+    static boost::system::error_code errorCode(int error, int result)
+    {
+        if (error == SSL_ERROR_ZERO_RETURN)
+            return boost::asio::error::eof;
+        if (error == SSL_ERROR_SYSCALL) {
+            const unsigned long queued = ERR_get_error();
+            if (queued != 0)
+                return {static_cast<int>(queued), boost::asio::error::get_ssl_category()};
+            if (result == 0 || errno == 0)
+                return boost::asio::error::eof;
+            return {errno, boost::system::system_category()};
+        }
+        const unsigned long queued = ERR_get_error();
+        return {static_cast<int>(queued != 0 ? queued : SSL_R_UNKNOWN_PROTOCOL),
+                boost::asio::error::get_ssl_category()};
+    }
+
+    lowest_layer_type socket;
+    SSL* ssl;
+    std::vector<char> staging;
+};

@@ -1,0 +1,113 @@
+#include "RawTlsClient.h"
+#include "RunningServer.h"
+
+#include <QFile>
+
+namespace {
+
+const QString removedOne = "ServerThread::clientDisconnected: removed 1 client(s).";
+const QString dropped = "it does not read";
+
+} // namespace
+
+TEST_F(RunningServer, AClientThatStopsReadingIsDroppedAndTheOthersKeepReceiving)
+{
+    TestWsClient reader;
+    ASSERT_TRUE(reader.connect(port));
+    RawTlsClient pinger, sleeper;
+    ASSERT_TRUE(pinger.connect(port) && pinger.upgrade());
+    ASSERT_TRUE(sleeper.connect(port) && sleeper.upgrade());
+    ASSERT_TRUE(waitForClients(3));
+
+    // Every ping queues a pong that this client never reads.
+    const int enough = 2000000;
+    int pings = 0;
+    while (pings < enough && pinger.sendFrame(0x9, QByteArray(125, 'p')))
+        ++pings;
+    EXPECT_LT(pings, enough) << "the pinging client was never dropped";
+    ASSERT_TRUE(logged(dropped));
+
+    // Broadcasts pile up for the client that does not read, until it too is dropped; the one
+    // that reads gets each in turn.
+    const QString large(100 * 1024, QLatin1Char('b'));
+    int broadcasts = 0;
+    while (broadcasts < 200 && LogCapture::instance().count(dropped) < 2) {
+        thread->sendToAll(large);
+        ++broadcasts;
+        ASSERT_EQ(reader.nextMessage(), large);
+    }
+    EXPECT_EQ(LogCapture::instance().count(dropped), 2);
+    EXPECT_TRUE(sleeper.waitForClose());
+    EXPECT_TRUE(logged(removedOne, 2));
+    thread->sendToAll("still serving");
+    EXPECT_EQ(reader.nextMessage(), QStringLiteral("still serving"));
+}
+
+TEST_F(RunningServer, AnOversizedMessageClosesItsSenderAloneAndLongTextsAreLoggedShort)
+{
+    TestWsClient reader;
+    ASSERT_TRUE(reader.connect(port));
+    RawTlsClient hog;
+    ASSERT_TRUE(hog.connect(port) && hog.upgrade());
+    // Announces 32 MB and sends a little of it: refused on the header, nothing reserved.
+    ASSERT_TRUE(hog.sendFrame(0x1, QByteArray(1000, 'x'), 32000000));
+    EXPECT_TRUE(hog.waitForClose());
+    EXPECT_TRUE(logged("it sent a message of more than 65536 bytes."));
+    thread->sendToAll("still serving");
+    EXPECT_EQ(reader.nextMessage(), QStringLiteral("still serving"));
+
+    ASSERT_TRUE(reader.send(QString(1000, QLatin1Char('y'))));
+    ASSERT_TRUE(logged("(1000 bytes in all)"));
+    EXPECT_EQ(LogCapture::instance().count("yyyy"), 1);
+    EXPECT_EQ(LogCapture::instance().count(QString(201, QLatin1Char('y'))), 0);
+}
+
+TEST_F(RunningServer, ConnectionsThatNeverFinishTheirHandshakeAreClosed)
+{
+    RawTlsClient silentTcp, silentTls;
+    ASSERT_TRUE(silentTcp.connectTcp(port));
+    ASSERT_TRUE(silentTls.connect(port));
+    EXPECT_TRUE(silentTcp.waitForClose());
+    EXPECT_TRUE(silentTls.waitForClose());
+    EXPECT_TRUE(announcedClients().empty());
+}
+
+TEST_F(RunningServer, PreStandardDraftHandshakesAreRefusedWithUpgradeRequired)
+{
+    // hixie-76: two number keys and eight key bytes after the headers, no version header.
+    const QByteArray draft76 = "GET / HTTP/1.1\r\n"
+                               "Host: 127.0.0.1\r\n"
+                               "Connection: Upgrade\r\n"
+                               "Upgrade: WebSocket\r\n"
+                               "Sec-WebSocket-Key1: 4 @1  46546xW%0l 1 5\r\n"
+                               "Sec-WebSocket-Key2: 12998 5 Y3 1  .P00\r\n"
+                               "Origin: http://example.com\r\n\r\n^n:ds[4U";
+    RawTlsClient draft;
+    ASSERT_TRUE(draft.connect(port));
+    EXPECT_EQ(draft.handshake(draft76), 426);
+    EXPECT_TRUE(draft.waitForClose());
+
+    RawTlsClient current;
+    ASSERT_TRUE(current.connect(port));
+    EXPECT_TRUE(current.upgrade());
+    ASSERT_TRUE(waitForClients(1));
+    EXPECT_EQ(announcedClients().size(), 1u);
+}
+
+TEST_F(RunningServer, AccessLogRecordsConnectionsButNoPayloads)
+{
+    TestWsClient client;
+    ASSERT_TRUE(client.connect(port));
+    ASSERT_TRUE(waitForClients(1));
+    thread->sendToAll("badge 04a1b2c3");
+    EXPECT_EQ(client.nextMessage(), QStringLiteral("badge 04a1b2c3"));
+    ASSERT_TRUE(client.send("client says 0badc0de"));
+    ASSERT_TRUE(logged("client says 0badc0de"));
+
+    QFile accessLog(logPrefix() + "access.log");
+    ASSERT_TRUE(accessLog.open(QIODevice::ReadOnly));
+    const QByteArray written = accessLog.readAll();
+    EXPECT_TRUE(written.contains("WebSocket Connection")) << written.toStdString();
+    EXPECT_FALSE(written.contains("04a1b2c3"));
+    EXPECT_FALSE(written.contains("0badc0de"));
+}

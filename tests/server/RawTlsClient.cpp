@@ -1,0 +1,149 @@
+#include "RawTlsClient.h"
+
+#include <QList>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+
+namespace {
+
+const QByteArray standardUpgrade = "GET / HTTP/1.1\r\n"
+                                   "Host: 127.0.0.1\r\n"
+                                   "Upgrade: websocket\r\n"
+                                   "Connection: Upgrade\r\n"
+                                   "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n"
+                                   "Sec-WebSocket-Version: 13\r\n\r\n";
+
+} // namespace
+
+RawTlsClient::RawTlsClient()
+{
+    // Writing to a connection the server has dropped must fail, not end the test.
+    std::signal(SIGPIPE, SIG_IGN);
+}
+
+RawTlsClient::~RawTlsClient()
+{
+    if (ssl)
+        SSL_free(ssl);
+    if (context)
+        SSL_CTX_free(context);
+    if (fd >= 0)
+        ::close(fd);
+}
+
+void RawTlsClient::setTimeouts(int timeoutMs)
+{
+    timeval limit{timeoutMs / 1000, (timeoutMs % 1000) * 1000};
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+}
+
+bool RawTlsClient::connectTcp(quint16 port)
+{
+    fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    if (fd < 0)
+        return false;
+    setTimeouts(30000);
+    // Small and fixed, so that a client that stops reading soon stops taking the server's data.
+    const int receiveBuffer = 8192;
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+}
+
+bool RawTlsClient::startTls(const char* cipherList)
+{
+    context = SSL_CTX_new(TLS_client_method());
+    SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
+    SSL_CTX_set_max_proto_version(context, TLS1_2_VERSION);
+    // Level 0, so that OpenSSL lets the client offer the weak suites the server must refuse.
+    SSL_CTX_set_security_level(context, 0);
+    if (cipherList && SSL_CTX_set_cipher_list(context, cipherList) != 1)
+        return false;
+    ssl = SSL_new(context);
+    SSL_set_fd(ssl, fd);
+    return SSL_connect(ssl) == 1;
+}
+
+QByteArray RawTlsClient::negotiatedCipher() const
+{
+    return ssl ? QByteArray(SSL_get_cipher_name(ssl)) : QByteArray();
+}
+
+bool RawTlsClient::write(const QByteArray& bytes)
+{
+    return !bytes.isEmpty() && SSL_write(ssl, bytes.constData(), bytes.size()) == bytes.size();
+}
+
+int RawTlsClient::handshake(const QByteArray& request)
+{
+    if (!write(request))
+        return 0;
+    QByteArray answer;
+    char buffer[1024];
+    while (!answer.contains("\r\n\r\n")) {
+        const int got = SSL_read(ssl, buffer, sizeof buffer);
+        if (got <= 0)
+            break;
+        answer.append(buffer, got);
+    }
+    const QList<QByteArray> statusLine = answer.left(answer.indexOf("\r\n")).split(' ');
+    return statusLine.size() >= 2 ? statusLine[1].toInt() : 0;
+}
+
+bool RawTlsClient::upgrade()
+{
+    return handshake(standardUpgrade) == 101;
+}
+
+bool RawTlsClient::sendFrame(int opcode, const QByteArray& payload, qint64 announced)
+{
+    const quint64 length = announced < 0 ? quint64(payload.size()) : quint64(announced);
+    QByteArray frame;
+    frame.append(char(0x80 | opcode));
+    if (length < 126) {
+        frame.append(char(0x80 | length));
+    } else if (length < 65536) {
+        frame.append(char(0x80 | 126));
+        frame.append(char(length >> 8)).append(char(length & 0xff));
+    } else {
+        frame.append(char(0x80 | 127));
+        for (int shift = 56; shift >= 0; shift -= 8)
+            frame.append(char((length >> shift) & 0xff));
+    }
+    // A zero masking key: the payload goes out as it is.
+    frame.append(QByteArray(4, '\0'));
+    frame.append(payload);
+    return write(frame);
+}
+
+bool RawTlsClient::waitForClose(int timeoutMs)
+{
+    setTimeouts(timeoutMs);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    char buffer[4096];
+    while (std::chrono::steady_clock::now() < deadline) {
+        const int got = ssl ? SSL_read(ssl, buffer, sizeof buffer)
+                            : int(::recv(fd, buffer, sizeof buffer, 0));
+        if (got > 0)
+            continue;
+        // The receive time-out passed: still open.
+        const int error = ssl ? SSL_get_error(ssl, got) : 0;
+        const bool timedOut = ssl ? error == SSL_ERROR_WANT_READ
+                                        || (error == SSL_ERROR_SYSCALL && errno == EAGAIN)
+                                  : got < 0 && errno == EAGAIN;
+        return !timedOut;
+    }
+    return false;
+}
