@@ -1,7 +1,16 @@
 #include "PCSCMonitor.h"
 
-PCSCMonitor::PCSCMonitor(std::function<bool()> attemptFunction, QObject* parent)
-    : QObject(parent), attempt(std::move(attemptFunction)), running(false), stopped(false)
+#include "Log.h"
+
+#include <algorithm>
+
+PCSCMonitor::PCSCMonitor(std::function<bool()> probe, QObject* parent)
+    : PCSCMonitor(std::move(probe), Pacing(), parent)
+{
+}
+
+PCSCMonitor::PCSCMonitor(std::function<bool()> probeFunction, Pacing pacing, QObject* parent)
+    : QObject(parent), probe(std::move(probeFunction)), pacing(pacing), stopped(false)
 {
 }
 
@@ -9,34 +18,43 @@ PCSCMonitor::~PCSCMonitor() = default;
 
 void PCSCMonitor::process()
 {
-    {
-        // A stop that came before the thread got here must not be forgotten, or shut-down
-        // would wait for a loop that never ends.
-        std::lock_guard<std::mutex> lock(mutex);
-        running = !stopped;
-    }
-    if (!attempt)
+    if (!probe)
         return;
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point began = Clock::now();
+    Clock::time_point lastReport = began;
+    int attempts = 0;
+    std::chrono::milliseconds retry = pacing.firstRetry;
 
-    while (isRunning()) {
-        if (attempt())
+    while (pause(std::chrono::milliseconds::zero())) {
+        if (probe()) {
+            emit pcscAvailable();
             return;
-        // A stop wakes the pause early instead of letting shut-down wait out the interval.
-        std::unique_lock<std::mutex> lock(mutex);
-        stopRequested.wait_for(lock, retryInterval, [this] { return !running; });
+        }
+        ++attempts;
+        const Clock::time_point now = Clock::now();
+        if (now - lastReport >= pacing.reportInterval) {
+            TLOG_INFO() << "Still waiting for the PC/SC service:"
+                        << std::chrono::duration_cast<std::chrono::seconds>(now - began).count() << "s,"
+                        << attempts << "attempts.";
+            lastReport = now;
+        }
+        if (!pause(retry))
+            return;
+        retry = std::min(retry * 2, pacing.longestRetry);
     }
 }
 
 void PCSCMonitor::stop()
 {
     std::lock_guard<std::mutex> lock(mutex);
-    running = false;
     stopped = true;
     stopRequested.notify_all();
 }
 
-bool PCSCMonitor::isRunning()
+// False once stopped.
+bool PCSCMonitor::pause(std::chrono::milliseconds duration)
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    return running;
+    std::unique_lock<std::mutex> lock(mutex);
+    return !stopRequested.wait_for(lock, duration, [this] { return stopped; });
 }

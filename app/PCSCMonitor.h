@@ -2,33 +2,45 @@
 
 #include <QObject>
 
+#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
 
-// Retries one card-handling attempt on its own thread until it succeeds or the monitor is
-// stopped, so the service can start before the PC/SC service does.
+// Waits on its own thread for the PC/SC service: asks `probe` again and again, quickly at
+// first, until it answers, then signals pcscAvailable() and returns. It starts nothing
+// itself; its owner does, on the owner's thread.
 class PCSCMonitor : public QObject
 {
     Q_OBJECT
 
 public:
-    static constexpr std::chrono::seconds retryInterval{15};
+    struct Pacing
+    {
+        std::chrono::milliseconds firstRetry{100};
+        std::chrono::milliseconds longestRetry{1000};
+        // While the service stays away the log hears of it at most this often.
+        std::chrono::milliseconds reportInterval{std::chrono::minutes(1)};
+    };
 
-    PCSCMonitor(std::function<bool()> attempt, QObject* parent = nullptr);
+    explicit PCSCMonitor(std::function<bool()> probe, QObject* parent = nullptr);
+    PCSCMonitor(std::function<bool()> probe, Pacing pacing, QObject* parent = nullptr);
     ~PCSCMonitor() override;
+
+signals:
+    void pcscAvailable();
 
 public slots:
     void process();
+    // Ends process() at once, also when called before it began. Callable from any thread.
     void stop();
 
 private:
-    bool isRunning();
+    bool pause(std::chrono::milliseconds duration);
 
-    std::function<bool()> attempt;
-    // Standard locks rather than Qt's: the thread sanitizer sees through these.
+    std::function<bool()> probe;
+    Pacing pacing;
     std::mutex mutex;
-    bool running;
-    bool stopped;
     std::condition_variable stopRequested;
+    bool stopped;
 };

@@ -22,12 +22,15 @@ inline void announceEnd(QThread* thread)
 #endif
 }
 
-inline void wait(QThread* thread)
+// True once the thread has ended; false when `timeoutMs` passed first.
+inline bool wait(QThread* thread, unsigned long timeoutMs = ULONG_MAX)
 {
-    thread->wait();
+    if (!thread->wait(timeoutMs))
+        return false;
 #if defined(__SANITIZE_THREAD__)
     __tsan_acquire(thread);
 #endif
+    return true;
 }
 
 } // namespace ThreadJoin

@@ -4,6 +4,7 @@
 #include "Settings.h"
 #include "ThreadJoin.h"
 
+#include "PcscService.h"
 #include "ReaderCommand.h"
 #include "SCCommand.h"
 #include "ServerThread.h"
@@ -27,12 +28,14 @@ QString messageText(const QJsonObject& message)
     return QString::fromUtf8(QJsonDocument(message).toJson());
 }
 
-// The codes after which the PC/SC context is useless and card handling must start afresh.
-bool isFatalCardError(unsigned int code)
+// A stop can fall between the card loop's last look at its flag and the start of its wait,
+// where the cancel is lost; stopping again now and then ends such a wait too.
+void stopAndJoin(SmartCardController* card, QThread* thread)
 {
-    return code == 0x80100013u     // communication error
-           || code == 0x8010001Du  // PC/SC service not running
-           || code == 0x8010001Eu; // PC/SC service stopped
+    card->stop();
+    thread->quit();
+    while (!ThreadJoin::wait(thread, 100))
+        card->stop();
 }
 
 } // namespace
@@ -68,153 +71,144 @@ bool WebSocketServiceCommon::start()
     if (!serverThread->waitForInit())
         return false;
 
-    initCardHandling();
-
     connect(serverThread, &ServerThread::onClientConnected, serverThread,
             [this](ConnectionContext context) { greetClient(context); }, Qt::DirectConnection);
+    initCardHandling();
     return true;
 }
 
 void WebSocketServiceCommon::initCardHandling()
 {
-    cardObject = new SmartCardController(nullptr);
     TLOG_INFO() << "Initializing card handling...";
-
-    if (attemptCardHandling())
+    cardObject = new SmartCardController(nullptr);
+    if (!cardObject->Initialize()) {
+        delete cardObject;
+        cardObject = nullptr;
+        TLOG_WARN() << "No PCSC running, starting monitor thread.";
+        startMonitor();
         return;
+    }
 
-    TLOG_WARN() << "No PCSC running, starting monitor thread.";
-    monitorThread = new QThread(this);
-    // A later attempt runs on the monitor thread and moves the controller on to its card
-    // thread from there; Qt lets only the owning thread move an object.
-    cardObject->moveToThread(monitorThread);
-    // Once a retry has started card handling the monitor thread has nothing left to do.
-    auto attempt = [this] {
-        const bool started = attemptCardHandling();
-        if (started)
-            QThread::currentThread()->quit();
-        return started;
-    };
-    pcscMonitor = new PCSCMonitor(attempt, nullptr);
-    pcscMonitor->moveToThread(monitorThread);
-    connect(monitorThread, &QThread::started, pcscMonitor, &PCSCMonitor::process);
-    ThreadJoin::announceEnd(monitorThread);
-    monitorThread->start();
-}
-
-bool WebSocketServiceCommon::attemptCardHandling()
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    if (!cardObject->Initialize())
-        return false;
-
-    // Messages are built on the card thread; serverThread is read at the moment of the event.
-    connect(cardObject, &SmartCardController::onRFID, cardObject,
-            [this](QString cardID) { sendToAll(TagCommand::build(cardID)); }, Qt::DirectConnection);
-    connect(cardObject, &SmartCardController::onSC, cardObject,
-            [this](QString cardID) { sendToAll(SCCommand::build(cardID)); }, Qt::DirectConnection);
-    connect(cardObject, &SmartCardController::onReaderConnect, cardObject,
-            [this](QString reader) { sendToAll(ReaderCommand::build(reader, true)); }, Qt::DirectConnection);
-    connect(cardObject, &SmartCardController::onReaderDisconnect, cardObject,
-            [this](QString reader) { sendToAll(ReaderCommand::build(reader, false)); }, Qt::DirectConnection);
-
+    connectCardEvents();
     cardThread = new QThread(nullptr);
-    // Made on the monitor thread after a retry: hand it to the main thread, which ends it.
-    cardThread->moveToThread(QCoreApplication::instance()->thread());
-
     qDebug() << "cardObject->moveToThread(cardThread)";
     cardObject->moveToThread(cardThread);
-
-    connect(cardObject, SIGNAL(onError(unsigned int,QString)), this,
-            SLOT(cardReaderError(unsigned int,QString)), Qt::QueuedConnection);
     connect(cardThread, &QThread::started, cardObject, &SmartCardController::process);
     connect(cardThread, &QThread::finished, cardThread, [] { qDebug() << "Card thread finished."; },
             Qt::DirectConnection);
     ThreadJoin::announceEnd(cardThread);
     cardThread->start();
-    return true;
 }
 
-void WebSocketServiceCommon::greetClient(const ConnectionContext& context)
+// Messages are built on the card thread and handed straight to the server.
+void WebSocketServiceCommon::connectCardEvents()
 {
-    if (!cardObject)
+    using Card = SmartCardController;
+    connect(cardObject, &Card::onRFID, cardObject, [this](QString cardID) { sendToAll(TagCommand::build(cardID)); },
+            Qt::DirectConnection);
+    connect(cardObject, &Card::onSC, cardObject, [this](QString cardID) { sendToAll(SCCommand::build(cardID)); },
+            Qt::DirectConnection);
+    connect(cardObject, &Card::onReaderConnect, cardObject,
+            [this](QString reader) { announceReader(reader, true); }, Qt::DirectConnection);
+    connect(cardObject, &Card::onReaderDisconnect, cardObject,
+            [this](QString reader) { announceReader(reader, false); }, Qt::DirectConnection);
+    connect(cardObject, &Card::onError, cardObject,
+            [](unsigned int code, QString message) { qDebug() << "Card reader error" << code << message; },
+            Qt::DirectConnection);
+    connect(cardObject, &Card::serviceLost, this, &WebSocketServiceCommon::cardServiceLost, Qt::QueuedConnection);
+}
+
+// The card loop has ended and said so in the log; the monitor waits for PC/SC to return.
+void WebSocketServiceCommon::cardServiceLost()
+{
+    if (stopped || !cardThread)
         return;
-    const QVector<QString> readers = cardObject->GetReaders();
-    qDebug() << "Client connected.";
-    QStringList greeting;
-    for (const QString& reader : readers)
-        greeting << messageText(ReaderCommand::build(reader, true));
-    greeting << messageText(VersionCommand::build(QCoreApplication::applicationVersion()));
-    serverThread->admitClient(context, greeting);
-}
-
-void WebSocketServiceCommon::sendToAll(const QJsonObject& message)
-{
-    QMetaObject::invokeMethod(serverThread, "sendToAll", Qt::AutoConnection,
-                              Q_ARG(QString, messageText(message)));
-}
-
-void WebSocketServiceCommon::sendToClient(const QJsonObject& message, const ConnectionContext& context)
-{
-    QMetaObject::invokeMethod(serverThread, "sendToClient", Qt::AutoConnection,
-                              Q_ARG(QString, messageText(message)), Q_ARG(ConnectionContext, context));
-}
-
-void WebSocketServiceCommon::cardReaderError(unsigned int code, QString message)
-{
-    qDebug() << "Card reader error" << code << message;
-    if (!isFatalCardError(code))
-        return;
-    // One failing read can queue several fatal errors; only the current controller's count.
-    if (!cardObject || (sender() && sender() != cardObject))
-        return;
-
-    stopMonitor();
     stopCardThread();
+    startMonitor();
+}
+
+void WebSocketServiceCommon::pcscAvailable()
+{
+    if (stopped)
+        return;
+    stopMonitor();
+    TLOG_INFO() << "PC/SC service available.";
     initCardHandling();
 }
 
-// Ends a monitor left from an earlier attempt, so restarts never pile up threads.
+void WebSocketServiceCommon::startMonitor()
+{
+    monitorThread = new QThread(nullptr);
+    pcscMonitor = new PCSCMonitor(&PcscService::isAvailable, nullptr);
+    pcscMonitor->moveToThread(monitorThread);
+    connect(monitorThread, &QThread::started, pcscMonitor, &PCSCMonitor::process);
+    connect(pcscMonitor, &PCSCMonitor::pcscAvailable, this, &WebSocketServiceCommon::pcscAvailable,
+            Qt::QueuedConnection);
+    ThreadJoin::announceEnd(monitorThread);
+    monitorThread->start();
+}
+
 void WebSocketServiceCommon::stopMonitor()
 {
-    // A monitor whose retry succeeded has already ended its thread; waiting is then immediate.
-    if (monitorThread) {
-        pcscMonitor->stop();
-        monitorThread->quit();
-        ThreadJoin::wait(monitorThread);
-    }
+    if (!monitorThread)
+        return;
+    pcscMonitor->stop();
+    monitorThread->quit();
+    ThreadJoin::wait(monitorThread);
     delete pcscMonitor;
     pcscMonitor = nullptr;
     delete monitorThread;
     monitorThread = nullptr;
 }
 
-// Stops the card controller and its thread and releases both. With its thread ended the
-// controller can be deleted here directly: a deferred delete would never run.
+// With its thread ended the controller can be deleted here directly: a deferred delete would
+// never run.
 void WebSocketServiceCommon::stopCardThread()
 {
-    std::lock_guard<std::mutex> lock(mutex);
-    if (cardThread) {
-        cardObject->stop();
-        cardThread->quit();
-        ThreadJoin::wait(cardThread);
-    }
+    if (cardThread)
+        stopAndJoin(cardObject, cardThread);
     delete cardObject;
     cardObject = nullptr;
     delete cardThread;
     cardThread = nullptr;
 }
 
+void WebSocketServiceCommon::greetClient(const ConnectionContext& context)
+{
+    qDebug() << "Client connected.";
+    std::lock_guard<std::mutex> lock(readersMutex);
+    QStringList greeting;
+    for (const QString& reader : qAsConst(knownReaders))
+        greeting << messageText(ReaderCommand::build(reader, true));
+    greeting << messageText(VersionCommand::build(QCoreApplication::applicationVersion()));
+    serverThread->admitClient(context, greeting);
+}
+
+void WebSocketServiceCommon::announceReader(const QString& name, bool connected)
+{
+    const QString text = messageText(ReaderCommand::build(name, connected));
+    std::lock_guard<std::mutex> lock(readersMutex);
+    if (connected)
+        knownReaders.append(name);
+    else
+        knownReaders.removeOne(name);
+    serverThread->sendToAll(text);
+}
+
+void WebSocketServiceCommon::sendToAll(const QJsonObject& message)
+{
+    serverThread->sendToAll(messageText(message));
+}
+
 void WebSocketServiceCommon::stop()
 {
+    stopped = true;
     if (serverThread) {
         serverThread->stopServer();
         serverThread->wait();
     }
-    if (cardObject) {
-        stopMonitor();
-        stopCardThread();
-    }
+    stopMonitor();
+    stopCardThread();
     Settings::Instance()->SaveSettings();
 }
 

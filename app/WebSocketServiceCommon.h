@@ -4,6 +4,7 @@
 
 #include <QObject>
 #include <QString>
+#include <QStringList>
 
 #include <mutex>
 
@@ -15,7 +16,9 @@ class SmartCardController;
 
 // Owns the running service: starts the WebSocket server thread and card handling (or a
 // monitor that waits for the PC/SC service), turns card events into client messages, greets
-// new clients, restarts card handling after fatal PC/SC errors and stops everything in order.
+// new clients with the readers known at that moment, starts card handling afresh after the
+// PC/SC service was lost and stops everything in order. Card handling is started and ended
+// on the thread that calls start(), and by nothing else.
 class WebSocketServiceCommon : public QObject
 {
     Q_OBJECT
@@ -31,23 +34,27 @@ public:
     void loadSettings();
     void saveSettings();
 
-public slots:
-    void cardReaderError(unsigned int code, QString message);
-
 private:
-    bool attemptCardHandling();
-    void greetClient(const ConnectionContext& context);
-    void sendToAll(const QJsonObject& message);
-    void sendToClient(const QJsonObject& message, const ConnectionContext& context);
+    void connectCardEvents();
+    void cardServiceLost();
+    void pcscAvailable();
+    void startMonitor();
     void stopMonitor();
     void stopCardThread();
+    void greetClient(const ConnectionContext& context);
+    void announceReader(const QString& name, bool connected);
+    void sendToAll(const QJsonObject& message);
 
     ServerThread* serverThread = nullptr;
     SmartCardController* cardObject = nullptr;
     QThread* cardThread = nullptr;
     PCSCMonitor* pcscMonitor = nullptr;
     QThread* monitorThread = nullptr;
-    // Serialises a card-handling attempt against the stop sequence. A standard lock, because
-    // the thread sanitizer cannot see through Qt's.
-    std::mutex mutex;
+    bool stopped = false;
+
+    // The readers clients have been told of. Held while the list changes and its broadcast is
+    // handed to the server, and while a greeting is built and handed over: the server keeps
+    // that order, so a new client hears of each reader once, in its greeting or afterwards.
+    std::mutex readersMutex;
+    QStringList knownReaders;
 };

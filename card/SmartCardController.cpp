@@ -1,22 +1,17 @@
 #include "SmartCardController.h"
 
-#include "AnnotatedMutexLocker.h"
-#include "CardClock.h"
 #include "Log.h"
+#include "PcscService.h"
+#include "ReaderName.h"
 
-#include <QByteArray>
-#include <QDateTime>
 #include <QDebug>
 
 #include <algorithm>
 #include <cstring>
-#include <memory>
-#include <vector>
 
 namespace {
 
-const DWORD statusWaitTimeoutMs = 1000;
-const qint64 readerRefreshSeconds = 15;
+using namespace std::chrono_literals;
 
 // pcsc-lite's LONG is 64 bits wide here while the codes are 32-bit values: logs show
 // them signed (0x80100002 as -2146435070), signals carry them unsigned.
@@ -56,6 +51,28 @@ int interfaceByteCount(unsigned char y)
     return ((y & 0x1) ? 1 : 0) + ((y & 0x2) ? 1 : 0) + ((y & 0x4) ? 1 : 0);
 }
 
+bool contains(const std::vector<std::string>& names, const std::string& name)
+{
+    return std::find(names.begin(), names.end(), name) != names.end();
+}
+
+std::chrono::milliseconds timeUntil(CardClock::Clock::time_point deadline)
+{
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - CardClock::now());
+    return std::max(left, 0ms);
+}
+
+// No pause after a single failure, so an unplugged reader costs the others nothing; a
+// failure that persists is retried ever more slowly, up to once a second.
+std::chrono::milliseconds failurePause(int failures)
+{
+    if (failures < 2)
+        return 0ms;
+    const int doublings = std::min(failures - 2, 4);
+    return std::min(SmartCardController::firstFailurePause * (1 << doublings),
+                    SmartCardController::longestFailurePause);
+}
+
 } // namespace
 
 SmartCardController::SmartCardController(QObject* parent)
@@ -68,7 +85,6 @@ SmartCardController::~SmartCardController()
     const LONG result = SCardReleaseContext(context);
     if (result != SCARD_S_SUCCESS)
         TLOG_DEBUG() << "~RFID() -> SCardReleaseContext = " << signedCode(result);
-    running = false;
 }
 
 bool SmartCardController::Initialize()
@@ -76,7 +92,7 @@ bool SmartCardController::Initialize()
     const LONG result = SCardEstablishContext(SCARD_SCOPE_USER, nullptr, nullptr, &context);
     if (result == SCARD_S_SUCCESS) {
         qDebug() << "SmartCardController::Initialize";
-        // The worker thread does not run yet, so the flag needs no lock here.
+        std::lock_guard<std::mutex> lock(runningMutex);
         running = true;
         return true;
     }
@@ -84,34 +100,9 @@ bool SmartCardController::Initialize()
     return false;
 }
 
-QVector<QString> SmartCardController::GetAvailableReaders()
-{
-    // Any failure of the sizing call leaves the length undefined, so all of them mean "no readers".
-    DWORD length = 0;
-    LONG result = SCardListReaders(context, nullptr, nullptr, &length);
-    if (result != SCARD_S_SUCCESS || length == 0)
-        return {};
-
-    std::vector<char> buffer(length);
-    result = SCardListReaders(context, nullptr, buffer.data(), &length);
-    if (result != SCARD_S_SUCCESS || buffer[0] == '\0')
-        return {};
-
-    // Walk the multi-string, but never past the buffer even if its final NUL is missing.
-    QVector<QString> names;
-    const char* name = buffer.data();
-    const char* const end = buffer.data() + std::min<size_t>(length, buffer.size());
-    while (name < end && *name != '\0') {
-        const size_t nameLength = strnlen(name, static_cast<size_t>(end - name));
-        names.append(QString::fromLatin1(name, static_cast<int>(nameLength)));
-        name += nameLength + 1;
-    }
-    return names;
-}
-
 QVector<QString> SmartCardController::GetReaders()
 {
-    AnnotatedMutexLocker lock(&readersMutex);
+    std::lock_guard<std::mutex> lock(readersMutex);
     return readers;
 }
 
@@ -129,105 +120,226 @@ DWORD SmartCardController::getReaderState(const char* name, SCARD_READERSTATE* s
 void SmartCardController::stop()
 {
     // Held across the cancel so a stop cannot slip between the loop's flag check and its wait.
-    AnnotatedMutexLocker lock(&runningMutex);
+    // A cancel that still comes before the wait is lost; the owner stops again while it waits
+    // for the thread.
+    std::lock_guard<std::mutex> lock(runningMutex);
     running = false;
+    stopRequested.notify_all();
     const LONG result = SCardCancel(context);
     if (result != SCARD_S_SUCCESS)
         TLOG_DEBUG() << "~RFID() -> SCardCancel = " << signedCode(result);
 }
 
+bool SmartCardController::isRunning()
+{
+    std::lock_guard<std::mutex> lock(runningMutex);
+    return running;
+}
+
 void SmartCardController::process()
 {
-    QVector<QString> currentReaders;
-    QVector<QString> previousReaders;
-    // Owns the bytes that the records' reader-name pointers refer to.
-    QVector<QByteArray> readerNamesUtf8;
-    std::unique_ptr<SCARD_READERSTATE[]> states;
-    qint32 stateCount = 0;
-    QDateTime refreshTime;
-    bool refresh = true;
-
-    for (;;) {
-        bool keepRunning = false;
-        {
-            AnnotatedMutexLocker lock(&runningMutex);
-            keepRunning = running;
-        }
-        if (!keepRunning)
-            break;
-
-        if (refresh) {
-            previousReaders = currentReaders;
-            currentReaders = GetAvailableReaders();
-
-            {
-                AnnotatedMutexLocker lock(&readersMutex);
-                readers = currentReaders;
-            }
-
-            for (const QString& name : qAsConst(currentReaders)) {
-                if (!previousReaders.contains(name)) {
-                    TLOG_INFO() << "Reader connected:" << name;
-                    emit onReaderConnect(name);
-                }
-            }
-            for (const QString& name : qAsConst(previousReaders)) {
-                if (!currentReaders.contains(name)) {
-                    TLOG_INFO() << "Reader disconnected:" << name;
-                    emit onReaderDisconnect(name);
-                }
-            }
-
-            readerNamesUtf8.resize(currentReaders.size());
-            stateCount = currentReaders.size();
-            // new[] of zero records still yields a valid block to hand to the wait.
-            std::unique_ptr<SCARD_READERSTATE[]> freshStates(new SCARD_READERSTATE[stateCount]);
-            for (int i = 0; i < stateCount; ++i) {
-                TLOG_DEBUG() << "Got reader:" << currentReaders[i];
-                std::memset(&freshStates[i], 0, sizeof(SCARD_READERSTATE));
-                readerNamesUtf8[i] = currentReaders[i].toUtf8();
-                freshStates[i].szReader = readerNamesUtf8[i].constData();
-                // Unaware records make the next wait report every reader's true state at once.
-                freshStates[i].dwCurrentState = SCARD_STATE_UNAWARE;
-                freshStates[i].cbAtr = MAX_ATR_SIZE;
-            }
-            states = std::move(freshStates);
-            refreshTime = CardClock::currentDateTimeUtc();
-            refresh = false;
-        }
-
-        const LONG result =
-            SCardGetStatusChange(context, statusWaitTimeoutMs, states.get(), static_cast<DWORD>(stateCount));
-        if (result != SCARD_S_SUCCESS && result != SCARD_E_TIMEOUT) {
-            TLOG_ERROR() << "SCardGetStatusChange returned:" << signedCode(result)
-                         << getErrorMessage(signedCode(result));
-            emit onError(unsignedCode(result), getErrorMessage(signedCode(result)));
-            break;
-        }
-
-        // Readers come and go unannounced by the wait, so the list is simply read again.
-        // This wait's records are dropped: the unaware records after the refresh show
-        // any card that is present anyway.
-        if (refreshTime.secsTo(CardClock::currentDateTimeUtc()) > readerRefreshSeconds) {
-            refresh = true;
+    LONG result = checkNotifications();
+    nextRefresh = CardClock::now();
+    int failures = 0;
+    while (!PcscService::isServiceLoss(result) && isRunning()) {
+        result = watchOnce();
+        if (result == SCARD_S_SUCCESS) {
+            failures = 0;
             continue;
         }
-        if (stateCount < 1)
-            continue;
-
-        for (int i = 0; i < stateCount; ++i) {
-            SCARD_READERSTATE& state = states[i];
-            if (!(state.dwEventState & SCARD_STATE_CHANGED))
-                continue;
-            if ((state.dwEventState & SCARD_STATE_PRESENT) && !(state.dwCurrentState & SCARD_STATE_PRESENT))
-                processCard(state.szReader);
-            if ((state.dwCurrentState & SCARD_STATE_PRESENT) && (state.dwEventState & SCARD_STATE_EMPTY))
-                emit cardRemoved();
-            state.dwCurrentState = state.dwEventState;
-        }
+        if (PcscService::isServiceLoss(result) || !isRunning())
+            break;
+        reportFailure(result);
+        listingDue = true;
+        pause(failurePause(++failures));
     }
 
+    const bool lost = PcscService::isServiceLoss(result) && isRunning();
+    if (lost)
+        TLOG_WARN() << "PC/SC service lost:" << signedCode(result) << getErrorMessage(signedCode(result));
+    forgetReaders();
     TLOG_DEBUG() << "SmartCardController::process terminating.";
+    if (lost)
+        emit serviceLost();
+}
+
+// Without the plug-and-play pseudo-reader a wait cannot learn of new readers, and with no
+// reader at all it would not wait: the loop then waits a second at a time instead.
+LONG SmartCardController::checkNotifications()
+{
+    SCARD_READERSTATE probe{};
+    probe.szReader = ReaderStates::notificationReader;
+    probe.dwCurrentState = SCARD_STATE_UNAWARE;
+    const LONG result = SCardGetStatusChange(context, 0, &probe, 1);
+    if (PcscService::isServiceLoss(result))
+        return result;
+    const bool supported =
+        (result == SCARD_S_SUCCESS || result == SCARD_E_TIMEOUT) && !(probe.dwEventState & SCARD_STATE_UNKNOWN);
+    if (!supported)
+        TLOG_INFO() << "PC/SC announces no reader changes; looking for readers every second.";
+    states.watchNotifications(supported);
+    return SCARD_S_SUCCESS;
+}
+
+// One round of the loop: bring the reader list up to date when due, wait, read what came.
+LONG SmartCardController::watchOnce()
+{
+    if (CardClock::now() >= nextRefresh) {
+        if (const LONG result = refreshReaders(Listing::ReadCardsAgain))
+            return result;
+        nextRefresh = CardClock::now() + refreshInterval;
+    } else if (listingDue) {
+        if (const LONG result = refreshReaders(Listing::KeepStates))
+            return result;
+    }
+
+    const LONG result = waitForChanges();
+    if (result == SCARD_E_TIMEOUT)
+        return SCARD_S_SUCCESS;
+    if (result != SCARD_S_SUCCESS)
+        return result;
+    handleChanges();
+    // Some pcsc-lite versions tell a waiter only of readers that come or go during its wait,
+    // not of those that did while cards were read: the list is read again after each change.
+    listingDue = true;
+    return SCARD_S_SUCCESS;
+}
+
+LONG SmartCardController::refreshReaders(Listing listing)
+{
+    std::vector<std::string> names;
+    if (const LONG result = listReaders(names))
+        return result;
+
+    for (const std::string& name : names) {
+        if (!contains(states.names(), name)) {
+            const QString text = ReaderName::toText(name);
+            TLOG_INFO() << "Reader connected:" << text;
+            emit onReaderConnect(text);
+        }
+    }
+    for (const std::string& name : states.names()) {
+        if (!contains(names, name)) {
+            const QString text = ReaderName::toText(name);
+            TLOG_INFO() << "Reader disconnected:" << text;
+            emit onReaderDisconnect(text);
+        }
+    }
+    const bool changed = names != states.names();
+    states.update(names, listing == Listing::ReadCardsAgain);
+    if (changed)
+        publishReaders();
+    listingDue = false;
+    return SCARD_S_SUCCESS;
+}
+
+LONG SmartCardController::waitForChanges()
+{
+    std::chrono::milliseconds timeout = timeUntil(nextRefresh);
+    if (!states.watchesNotifications())
+        timeout = std::min(timeout, waitWithoutNotifications);
+    failedCall = "SCardGetStatusChange";
+    // PC/SC answers a wait for nothing at once.
+    if (states.size() == 0) {
+        pause(timeout);
+        return SCARD_E_TIMEOUT;
+    }
+    return SCardGetStatusChange(context, static_cast<DWORD>(timeout.count()), states.data(), states.size());
+}
+
+void SmartCardController::handleChanges()
+{
+    for (size_t i = 0; i < states.readerCount(); ++i) {
+        SCARD_READERSTATE& state = states.reader(i);
+        if (!(state.dwEventState & SCARD_STATE_CHANGED))
+            continue;
+        if ((state.dwEventState & SCARD_STATE_PRESENT) && !(state.dwCurrentState & SCARD_STATE_PRESENT))
+            processCard(state.szReader);
+        if ((state.dwCurrentState & SCARD_STATE_PRESENT) && (state.dwEventState & SCARD_STATE_EMPTY))
+            emit cardRemoved();
+        state.dwCurrentState = state.dwEventState;
+    }
+    if (SCARD_READERSTATE* notification = states.notification())
+        notification->dwCurrentState = notification->dwEventState;
+}
+
+// Card handling ends: whoever was told of a reader must now hear that it is gone.
+void SmartCardController::forgetReaders()
+{
+    for (const std::string& name : states.names()) {
+        const QString text = ReaderName::toText(name);
+        TLOG_INFO() << "Reader disconnected:" << text;
+        emit onReaderDisconnect(text);
+    }
+    states.update({}, true);
+    publishReaders();
+}
+
+void SmartCardController::publishReaders()
+{
+    QVector<QString> texts;
+    for (const std::string& name : states.names())
+        texts.append(ReaderName::toText(name));
+    std::lock_guard<std::mutex> lock(readersMutex);
+    readers = texts;
+}
+
+LONG SmartCardController::listReaders(std::vector<std::string>& names)
+{
+    failedCall = "SCardListReaders";
+    names.clear();
+    // A reader that arrives between sizing and listing makes the buffer too small: size again.
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        DWORD length = 0;
+        LONG result = SCardListReaders(context, nullptr, nullptr, &length);
+        if (result == SCARD_E_NO_READERS_AVAILABLE)
+            return SCARD_S_SUCCESS;
+        if (result != SCARD_S_SUCCESS)
+            return result;
+        std::vector<char> buffer(std::max<DWORD>(length, 1));
+        result = SCardListReaders(context, nullptr, buffer.data(), &length);
+        if (result == SCARD_E_INSUFFICIENT_BUFFER)
+            continue;
+        if (result == SCARD_E_NO_READERS_AVAILABLE)
+            return SCARD_S_SUCCESS;
+        if (result != SCARD_S_SUCCESS)
+            return result;
+
+        // Walk the multi-string, but never past the buffer even if its final NUL is missing.
+        const char* name = buffer.data();
+        const char* const end = buffer.data() + std::min<size_t>(length, buffer.size());
+        while (name < end && *name != '\0') {
+            const size_t nameLength = strnlen(name, static_cast<size_t>(end - name));
+            names.emplace_back(name, nameLength);
+            name += nameLength + 1;
+        }
+        return SCARD_S_SUCCESS;
+    }
+    return SCARD_E_INSUFFICIENT_BUFFER;
+}
+
+// Every failure goes out as onError; the log gets the first of a run of the same failure,
+// then one line a minute with the count of those not logged.
+void SmartCardController::reportFailure(LONG result)
+{
+    const auto now = CardClock::now();
+    if (result != lastLoggedFailure || now - lastFailureLog >= repeatedFailureLogInterval) {
+        if (unloggedFailures > 0)
+            TLOG_ERROR() << "PC/SC failed" << unloggedFailures << "more time(s) with" << signedCode(lastLoggedFailure);
+        TLOG_ERROR() << failedCall << "returned:" << signedCode(result) << getErrorMessage(signedCode(result));
+        lastLoggedFailure = result;
+        lastFailureLog = now;
+        unloggedFailures = 0;
+    } else {
+        ++unloggedFailures;
+    }
+    reportError(result);
+}
+
+void SmartCardController::pause(std::chrono::milliseconds duration)
+{
+    std::unique_lock<std::mutex> lock(runningMutex);
+    CardClock::pause(stopRequested, lock, duration, [this] { return !running; });
 }
 
 void SmartCardController::processCard(const char* reader)
@@ -238,7 +350,7 @@ void SmartCardController::processCard(const char* reader)
     // A card that refuses the transaction is still worth reading.
     beginCardTransaction();
 
-    const QVector<unsigned char> atr = getCardAtr(reader ? QString::fromUtf8(reader) : QString());
+    const QVector<unsigned char> atr = getCardAtr(reader);
     switch (getCardType(atr)) {
     case Unknown:
         TLOG_WARN() << "Got unknown card.";
@@ -268,13 +380,13 @@ bool SmartCardController::connectCard(const char* reader)
     return true;
 }
 
-QVector<unsigned char> SmartCardController::getCardAtr(QString reader)
+QVector<unsigned char> SmartCardController::getCardAtr(const char* reader)
 {
     DWORD atrLength = MAX_ATR_SIZE;
-    const QByteArray name = reader.toUtf8();
-    std::vector<char> nameBuffer(static_cast<size_t>(name.size()) + 1);
-    std::memcpy(nameBuffer.data(), name.constData(), static_cast<size_t>(name.size()));
-    DWORD nameLength = static_cast<DWORD>(name.size()) + 1;
+    // Room for the name PC/SC gave, which it hands back.
+    const size_t nameSize = reader ? std::strlen(reader) : 0;
+    std::vector<char> nameBuffer(nameSize + 1);
+    DWORD nameLength = static_cast<DWORD>(nameBuffer.size());
     DWORD state = 0;
     DWORD protocol = 0;
     unsigned char atr[MAX_ATR_SIZE] = {};

@@ -1,0 +1,42 @@
+#include "ReaderStates.h"
+
+#include <algorithm>
+
+const char ReaderStates::notificationReader[] = "\\\\?PnP?\\Notification";
+
+void ReaderStates::watchNotifications(bool on)
+{
+    notifications = on;
+    update(std::vector<std::string>(readerNames), true);
+}
+
+void ReaderStates::update(const std::vector<std::string>& listing, bool forgetStates)
+{
+    std::vector<SCARD_READERSTATE> fresh;
+    fresh.reserve(listing.size() + 1);
+    for (const std::string& name : listing) {
+        const auto kept = std::find(readerNames.begin(), readerNames.end(), name);
+        if (forgetStates || kept == readerNames.end())
+            fresh.push_back(unaware(nullptr));
+        else
+            fresh.push_back(records[static_cast<size_t>(kept - readerNames.begin())]);
+    }
+    // The pseudo-reader's state carries the service's count of reader events, which newer
+    // pcsc-lite compares to catch readers that came or went between two waits.
+    if (notifications)
+        fresh.push_back(records.size() > readerNames.size() ? records.back() : unaware(notificationReader));
+
+    readerNames = listing;
+    records = std::move(fresh);
+    for (size_t i = 0; i < readerNames.size(); ++i)
+        records[i].szReader = readerNames[i].c_str();
+}
+
+SCARD_READERSTATE ReaderStates::unaware(const char* name)
+{
+    SCARD_READERSTATE record{};
+    record.szReader = name;
+    record.dwCurrentState = SCARD_STATE_UNAWARE;
+    record.cbAtr = MAX_ATR_SIZE;
+    return record;
+}
