@@ -194,6 +194,9 @@ LONG SmartCardController::watchOnce()
     }
 
     const LONG result = waitForChanges();
+    // Without notifications only a listing shows readers that came or went.
+    if (!states.watchesNotifications())
+        listingDue = true;
     if (result == SCARD_E_TIMEOUT)
         return SCARD_S_SUCCESS;
     if (result != SCARD_S_SUCCESS)
@@ -338,6 +341,8 @@ void SmartCardController::reportFailure(LONG result)
 
 void SmartCardController::pause(std::chrono::milliseconds duration)
 {
+    if (duration <= std::chrono::milliseconds::zero())
+        return;
     std::unique_lock<std::mutex> lock(runningMutex);
     CardClock::pause(stopRequested, lock, duration, [this] { return !running; });
 }

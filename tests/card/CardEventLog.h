@@ -32,6 +32,7 @@ public:
         on(&C::onReaderConnect, [](const QString& name) { return "connect " + name; });
         on(&C::onReaderDisconnect, [](const QString& name) { return "disconnect " + name; });
         on(&C::cardRemoved, [] { return QStringLiteral("removed"); });
+        on(&C::serviceLost, [] { return QStringLiteral("service lost"); });
         // Declared for receivers, never emitted.
         for (auto unused : {&C::cardInserted, &C::cardInvalid, &C::cardDataRead, &C::cardEmptyName,
                             &C::cardWritingInProgress, &C::cardWritingDone})

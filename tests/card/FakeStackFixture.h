@@ -13,11 +13,9 @@
 
 using Lines = std::vector<std::string>;
 
-const std::string cancelled = "error 80100002 The action was canceled by an SCardCancel request.";
-
-// Runs the monitor loop on the test's own thread against the scripted PC/SC stack; the loop
-// ends when the script is used up, as after a stop. Signals go into the stack's journal, so
-// they show up between the calls that caused them.
+// Runs the card loop on the test's own thread against the scripted PC/SC stack; the loop
+// is stopped when the script is used up. Signals go into the stack's journal, so they show
+// up between the calls that caused them.
 class FakeStack : public ::testing::Test
 {
 protected:
@@ -32,6 +30,7 @@ protected:
         if (establish != SCARD_S_SUCCESS)
             FakePcsc::stack.failures["Establish"] = establish;
         controller = std::make_unique<SmartCardController>();
+        FakePcsc::stack.onScriptEnd = [this] { controller->stop(); };
         events = std::make_unique<CardEventLog>(
             controller.get(), [](const QString& line) { FakePcsc::stack.journal.push_back(line.toStdString()); });
         EXPECT_EQ(controller->Initialize(), establish == SCARD_S_SUCCESS);
@@ -42,9 +41,23 @@ protected:
     Lines run()
     {
         controller->process();
+        return notes();
+    }
+
+    static Lines notes() { return journalEntries([](const std::string& entry) { return !std::isupper(static_cast<unsigned char>(entry[0])); }); }
+
+    // The journal's entries that begin with `prefix`.
+    static Lines calls(const std::string& prefix)
+    {
+        return journalEntries([&](const std::string& entry) { return entry.rfind(prefix, 0) == 0; });
+    }
+
+    template <typename Keep>
+    static Lines journalEntries(Keep keep)
+    {
         Lines lines;
         std::copy_if(FakePcsc::stack.journal.begin(), FakePcsc::stack.journal.end(), std::back_inserter(lines),
-                     [](const std::string& entry) { return !std::isupper(static_cast<unsigned char>(entry[0])); });
+                     [&](const std::string& entry) { return !entry.empty() && keep(entry); });
         return lines;
     }
 

@@ -2,9 +2,14 @@
 
 #include "CardClock.h"
 
+#include "ReaderStates.h"
+
 #include <QByteArray>
 
 #include <algorithm>
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
 
 namespace FakePcsc {
 
@@ -83,13 +88,81 @@ Card answering(Card card, const Bytes& command, Reply reply)
 
 Stack stack;
 
+namespace {
+
+// Only for a cancel from another thread while a wait blocks.
+std::mutex blockMutex;
+std::condition_variable blockChanged;
+bool blocked = false;
+bool cancelled = false;
+
+bool isNotificationReader(const std::string& name)
+{
+    return name == ReaderStates::notificationReader;
+}
+
+bool isKnown(const std::vector<std::string>& readers, const std::string& name)
+{
+    return std::count(readers.begin(), readers.end(), name) > 0 || (isNotificationReader(name) && stack.notifications);
+}
+
+bool takeCancel()
+{
+    std::lock_guard<std::mutex> lock(blockMutex);
+    return std::exchange(cancelled, false);
+}
+
+} // namespace
+
+void runStep()
+{
+    if (stack.script.empty()) {
+        if (stack.onScriptEnd)
+            stack.onScriptEnd();
+        return;
+    }
+    const auto step = std::move(stack.script.front());
+    stack.script.pop_front();
+    step();
+}
+
+void blockUntilCancelled()
+{
+    std::unique_lock<std::mutex> lock(blockMutex);
+    blocked = true;
+    blockChanged.notify_all();
+    blockChanged.wait(lock, [] { return cancelled; });
+    blocked = false;
+}
+
+void blockedWait()
+{
+    std::unique_lock<std::mutex> lock(blockMutex);
+    blockChanged.wait(lock, [] { return blocked; });
+}
+
 } // namespace FakePcsc
 
 namespace CardClock {
 
-QDateTime currentDateTimeUtc()
+Clock::time_point now()
 {
-    return QDateTime(QDate(2024, 1, 1), QTime(0, 0), Qt::UTC).addSecs(FakePcsc::stack.clockSeconds);
+    return Clock::time_point(std::chrono::milliseconds(FakePcsc::stack.clockMs));
+}
+
+void pause(std::condition_variable&, std::unique_lock<std::mutex>& lock, std::chrono::milliseconds duration,
+           const std::function<bool()>& done)
+{
+    using FakePcsc::stack;
+    if (done())
+        return;
+    stack.journal.push_back("Pause " + std::to_string(duration.count()));
+    // The script may stop the loop, which takes the lock.
+    lock.unlock();
+    FakePcsc::runStep();
+    lock.lock();
+    if (!done())
+        stack.clockMs += duration.count();
 }
 
 } // namespace CardClock
@@ -101,6 +174,7 @@ LONG SCardEstablishContext(DWORD, LPCVOID, LPCVOID, LPSCARDCONTEXT context)
     const LONG result = call("Establish", true);
     if (result == SCARD_S_SUCCESS)
         *context = establishedContext;
+    takeCancel(); // a cancel never outlives its context
     return result;
 }
 
@@ -111,7 +185,11 @@ LONG SCardReleaseContext(SCARDCONTEXT context)
 
 LONG SCardCancel(SCARDCONTEXT context)
 {
-    return call("Cancel", context == establishedContext);
+    std::lock_guard<std::mutex> lock(blockMutex);
+    const LONG result = call("Cancel", context == establishedContext);
+    cancelled = true;
+    blockChanged.notify_all();
+    return result;
 }
 
 LONG SCardListReaders(SCARDCONTEXT context, LPCSTR, LPSTR buffer, LPDWORD length)
@@ -126,27 +204,25 @@ LONG SCardListReaders(SCARDCONTEXT context, LPCSTR, LPSTR buffer, LPDWORD length
     return copyOut(names + '\0', buffer, length);
 }
 
-LONG SCardGetStatusChange(SCARDCONTEXT context, DWORD, SCARD_READERSTATE* records, DWORD count)
-{
-    // The loop hands over an array even when there is no reader to watch.
-    if (context != establishedContext || !records)
-        return SCARD_E_INVALID_PARAMETER;
-    if (stack.script.empty())
-        return SCARD_E_CANCELLED;
-    const auto step = std::move(stack.script.front());
-    stack.script.pop_front();
-    step();
+namespace {
 
-    const auto failed = stack.failures.find("GetStatusChange");
-    if (failed != stack.failures.end())
-        return failed->second;
+// Fills in the records as the stack is now; true when one of them changed. The pseudo-reader
+// changes when the reader list is not what it was when the wait began.
+bool fillIn(SCARD_READERSTATE* records, DWORD count, const std::vector<std::string>& readersBefore)
+{
     bool anyChanged = false;
     for (DWORD i = 0; i < count; ++i) {
         SCARD_READERSTATE& record = records[i];
         const std::string reader = record.szReader ? record.szReader : "";
-        const bool exists = std::count(stack.readers.begin(), stack.readers.end(), reader) > 0;
-        const DWORD actual = !exists ? SCARD_STATE_UNKNOWN
-                                     : (stack.cards.count(reader) ? SCARD_STATE_PRESENT : SCARD_STATE_EMPTY);
+        if (isNotificationReader(reader) && stack.notifications) {
+            const bool changed = stack.readers != readersBefore;
+            record.dwEventState = changed ? SCARD_STATE_CHANGED : 0;
+            anyChanged = anyChanged || changed;
+            continue;
+        }
+        const DWORD actual = !isKnown(stack.readers, reader)
+                                 ? SCARD_STATE_UNKNOWN
+                                 : (stack.cards.count(reader) ? SCARD_STATE_PRESENT : SCARD_STATE_EMPTY);
         const DWORD known = record.dwCurrentState & (SCARD_STATE_PRESENT | SCARD_STATE_EMPTY | SCARD_STATE_UNKNOWN);
         const bool changed = record.dwCurrentState == SCARD_STATE_UNAWARE || known != actual;
         record.dwEventState = actual | (changed ? SCARD_STATE_CHANGED : 0);
@@ -156,7 +232,51 @@ LONG SCardGetStatusChange(SCARDCONTEXT context, DWORD, SCARD_READERSTATE* record
         anyChanged = anyChanged || changed || overridden != stack.eventOverrides.end();
     }
     stack.eventOverrides.clear();
-    return anyChanged ? SCARD_S_SUCCESS : SCARD_E_TIMEOUT;
+    return anyChanged;
+}
+
+LONG scriptedFailure()
+{
+    const auto once = stack.failOnce.find("Wait");
+    if (once != stack.failOnce.end()) {
+        const LONG result = once->second;
+        stack.failOnce.erase(once);
+        return result;
+    }
+    const auto failed = stack.failures.find("Wait");
+    return failed != stack.failures.end() ? failed->second : SCARD_S_SUCCESS;
+}
+
+} // namespace
+
+LONG SCardGetStatusChange(SCARDCONTEXT context, DWORD timeout, SCARD_READERSTATE* records, DWORD count)
+{
+    stack.journal.push_back("Wait " + std::to_string(timeout) + " " + std::to_string(count));
+    if (context != establishedContext || (!records && count > 0))
+        return SCARD_E_INVALID_PARAMETER;
+    if (stack.unknownReaderFails) {
+        for (DWORD i = 0; i < count; ++i) {
+            if (!isKnown(stack.readers, records[i].szReader ? records[i].szReader : ""))
+                return SCARD_E_UNKNOWN_READER;
+        }
+    }
+
+    // What already differs from what the caller knows is told at once, and no time passes.
+    const std::vector<std::string> readersBefore = stack.readers;
+    const bool scriptedToFail = stack.failures.count("Wait") || stack.failOnce.count("Wait");
+    if (!scriptedToFail && fillIn(records, count, readersBefore))
+        return SCARD_S_SUCCESS;
+    if (timeout > 0) {
+        runStep();
+        if (takeCancel())
+            return SCARD_E_CANCELLED;
+    }
+    if (const LONG failure = scriptedFailure())
+        return failure;
+    if (fillIn(records, count, readersBefore))
+        return SCARD_S_SUCCESS;
+    stack.clockMs += timeout;
+    return SCARD_E_TIMEOUT;
 }
 
 LONG SCardConnect(SCARDCONTEXT context, LPCSTR reader, DWORD shareMode, DWORD protocols, LPSCARDHANDLE card,

@@ -10,9 +10,11 @@
 #include <vector>
 
 // A scripted PC/SC stack, linked in place of libpcsclite, for what a real stack cannot do
-// on demand: readers that come and go, odd ATRs and answers, failures of single calls.
-// It also provides the clock of the reader-list refresh, which only a test moves. The loop
-// under test runs on the test's own thread, so nothing here is locked.
+// on demand: readers that come and go, odd names, ATRs and answers, failures of single calls,
+// a service without reader notifications. It also provides the card loop's clock and pauses,
+// which only the script moves: a pause or a wait that times out adds its duration at once.
+// The loop under test runs on the test's own thread, so nothing here is locked, except what
+// blockUntilCancelled() needs to let another thread stop the loop.
 namespace FakePcsc {
 
 using Bytes = std::vector<unsigned char>;
@@ -34,24 +36,43 @@ struct Stack
 {
     std::vector<std::string> readers;
     std::map<std::string, Card> cards;
-    // Calls by name ("Connect", "ListNames", "GetStatusChange", ...) that fail with this result.
+    // Calls by name ("Connect", "ListNames", "Wait", ...) that fail with this result; those in
+    // failOnce fail the next time only (only "Wait" so far).
     std::map<std::string, LONG> failures;
-    // One step per SCardGetStatusChange, run before the records are filled in. The wait then
-    // succeeds when a record changed and times out otherwise. Once the script is used up it
-    // returns SCARD_E_CANCELLED, as after a stop.
+    std::map<std::string, LONG> failOnce;
+    // Whether the plug-and-play pseudo-reader is known; when it is, a wait reports a change of
+    // the reader list made by its script step, as pcsc-lite does.
+    bool notifications = true;
+    // A wait naming a reader that is not there fails with SCARD_E_UNKNOWN_READER (newer
+    // pcsc-lite) instead of reporting it SCARD_STATE_UNKNOWN (older ones, and readers that
+    // vanish during the wait).
+    bool unknownReaderFails = false;
+    // One step each time the loop would block: a wait with a time-out that has nothing to tell
+    // at once, or a pause. A wait's step runs as if during the wait; the wait then succeeds
+    // when a record changed and otherwise times out. A time-out or a pause moves the clock on
+    // by its length. Once the script is used up, onScriptEnd runs (the fixture stops the loop
+    // there) and the wait is cancelled.
     std::deque<std::function<void()>> script;
+    std::function<void()> onScriptEnd;
     // The next wait reports exactly this event state for the reader, whatever the truth.
     std::map<std::string, DWORD> eventOverrides;
     // What the code under test called, in order: "ListReaders" (sizing), "ListNames",
-    // "Connect <reader>", "Begin", "Status", "Transmit <hex>", "End <disposition>",
-    // "Disconnect <disposition>", "Cancel", "Release"; and whatever the test adds.
+    // "Wait <time-out ms> <records>", "Connect <reader>", "Begin", "Status", "Transmit <hex>",
+    // "End <disposition>", "Disconnect <disposition>", "Cancel", "Release", "Pause <ms>"; and
+    // whatever the test adds.
     std::vector<std::string> journal;
-    long long clockSeconds = 0;
+    long long clockMs = 0;
     std::string connectedReader;
 
     void addWaitSteps(int count) { script.insert(script.end(), count, [] {}); }
 };
 
 extern Stack stack;
+
+void runStep();
+// A script step that blocks the wait until another thread cancels it (after blockedWait()).
+void blockUntilCancelled();
+// Returns once the loop is blocked in such a step.
+void blockedWait();
 
 } // namespace FakePcsc

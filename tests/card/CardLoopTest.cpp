@@ -1,0 +1,248 @@
+#include "FakeStackFixture.h"
+
+#include "PcscService.h"
+#include "ReaderCommand.h"
+
+#include <QJsonDocument>
+
+#include <thread>
+
+namespace {
+
+using namespace FakePcsc;
+
+using CardLoop = FakeStack;
+
+const int refreshMs = 15000;
+
+TEST_F(CardLoop, AnnouncesReadersThatComeOrGoDuringAWaitAtOnceAndAllOfThemGoneAtTheEnd)
+{
+    stack.readers = {"B", "A"};
+    stack.script.push_back([] {
+        stack.readers = {"C", "A", "D"};
+        stack.cards["D"] = tag({0x0D});
+    });
+    stack.script.push_back([] { stack.readers = {"D", "C", "A"}; }); // reordered only
+    stack.script.push_back([this] {
+        stack.journal.push_back("published " + controller->GetReaders().toList().join(',').toStdString());
+        stack.cards.erase("D");
+    });
+
+    // New readers before lost ones, each group in listing order; no time passes for any of it.
+    EXPECT_EQ(run(), (Lines{"connect B", "connect A", "connect C", "connect D", "disconnect B", "rfid 0d",
+                            "published D,C,A", "removed", "disconnect D", "disconnect C", "disconnect A"}));
+    EXPECT_EQ(stack.clockMs, 0);
+    EXPECT_TRUE(controller->GetReaders().isEmpty());
+    EXPECT_TRUE(logged({"Reader connected:", "\"C\""}));
+    EXPECT_TRUE(logged({"Reader disconnected:", "\"B\""}));
+    // A stop is no failure.
+    EXPECT_FALSE(logged({"returned:"}));
+}
+
+TEST_F(CardLoop, WaitsUntilTheNextRefreshWhichReadsACardLeftOnAReaderAgain)
+{
+    stack.readers = {"A"};
+    stack.cards["A"] = tag({0x0A});
+    stack.script.push_back([] { stack.journal.push_back("idle"); });               // times out
+    stack.script.push_back([] { stack.clockMs += 5000; stack.cards.erase("A"); }); // 5 s later
+    stack.script.push_back([] { stack.cards["A"] = tag({0x0B}); });
+
+    EXPECT_EQ(run(), (Lines{"connect A", "rfid 0a", "idle", "rfid 0a", "removed", "rfid 0b", "disconnect A"}));
+    // Each wait lasts until the next refresh is due, the pseudo-reader among its records.
+    EXPECT_EQ(calls("Wait"), (Lines{"Wait 0 1", "Wait 15000 2", "Wait 15000 2", "Wait 15000 2", "Wait 15000 2",
+                                    "Wait 10000 2", "Wait 10000 2"}));
+}
+
+TEST_F(CardLoop, WithNoReaderTheWaitBlocksAndAReaderThatAppearsIsReadAtOnce)
+{
+    stack.addWaitSteps(3);
+    stack.script.push_back([] {
+        stack.readers = {"A"};
+        stack.cards["A"] = tag({0x01});
+    });
+
+    EXPECT_EQ(run(), (Lines{"connect A", "rfid 01", "disconnect A"}));
+    EXPECT_EQ(calls("Wait"), (Lines{"Wait 0 1", "Wait 15000 1", "Wait 15000 1", "Wait 15000 1", "Wait 15000 1",
+                                    "Wait 15000 2", "Wait 15000 2"}));
+    EXPECT_EQ(stack.clockMs, 3 * refreshMs);
+}
+
+TEST_F(CardLoop, WithoutReaderNotificationsListsReadersEverySecondAndNeverSpins)
+{
+    // PC/SC may reject the pseudo-reader outright or report it unknown.
+    for (const bool rejected : {false, true}) {
+        SCOPED_TRACE(rejected);
+        start();
+        stack.notifications = false;
+        stack.unknownReaderFails = rejected;
+        stack.addWaitSteps(2);
+        stack.script.push_back([] {
+            stack.readers = {"A"};
+            stack.cards["A"] = tag({0x01});
+        });
+        stack.addWaitSteps(1);
+
+        EXPECT_EQ(run(), (Lines{"connect A", "rfid 01", "disconnect A"}));
+        // With no reader to wait on, the loop pauses instead.
+        EXPECT_EQ(calls("Pause"), (Lines{"Pause 1000", "Pause 1000", "Pause 1000"}));
+        EXPECT_EQ(calls("Wait"), (Lines{"Wait 0 1", "Wait 1000 1", "Wait 1000 1", "Wait 1000 1"}));
+        EXPECT_EQ(calls("ListNames").size(), 3u); // one listing per wake-up once there is a reader
+        EXPECT_TRUE(logged({"PC/SC announces no reader changes"}));
+    }
+}
+
+TEST_F(CardLoop, AReaderUnpluggedDuringAWaitCostsTheOthersNothing)
+{
+    // Reported as an unknown reader's state, or as a failed wait.
+    for (const LONG failure : {SCARD_S_SUCCESS, SCARD_E_UNKNOWN_READER, SCARD_E_READER_UNAVAILABLE}) {
+        SCOPED_TRACE(failure);
+        start();
+        stack.readers = {"A", "B"};
+        stack.script.push_back([failure] {
+            stack.readers = {"B"};
+            if (failure != SCARD_S_SUCCESS)
+                stack.failOnce["Wait"] = failure;
+        });
+        stack.script.push_back([] { stack.cards["B"] = tag({0x0B}); });
+
+        Lines expected = {"connect A", "connect B"};
+        if (failure != SCARD_S_SUCCESS)
+            expected.push_back(QStringLiteral("error %1 %2")
+                                   .arg(static_cast<quint32>(failure), 8, 16, QLatin1Char('0'))
+                                   .arg(controller->getErrorMessage(static_cast<int>(failure)))
+                                   .toStdString());
+        expected.insert(expected.end(), {"disconnect A", "rfid 0b", "disconnect B"});
+        EXPECT_EQ(run(), expected);
+        EXPECT_EQ(calls("Pause"), Lines{}) << "a single failure is retried at once";
+    }
+}
+
+TEST_F(CardLoop, FailuresOtherThanALossAreRetriedEverMoreSlowlyAndLoggedOnce)
+{
+    stack.readers = {"A"};
+    stack.script.push_back([] { stack.failures["Wait"] = SCARD_E_NOT_READY; });
+    // Each failed wait and each pause take a step; the last pause ends the failures.
+    for (int i = 0; i < 12; ++i)
+        stack.addWaitSteps(1);
+    stack.script.push_back([] {
+        stack.failures.clear();
+        stack.cards["A"] = tag({0x0A});
+    });
+
+    const Lines lines = run();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(),
+                         "error 80100010 The reader or card is not ready to accept commands."),
+              7);
+    EXPECT_EQ(Lines(lines.end() - 2, lines.end()), (Lines{"rfid 0a", "disconnect A"}));
+    EXPECT_EQ(calls("Pause"),
+              (Lines{"Pause 100", "Pause 200", "Pause 400", "Pause 800", "Pause 1000", "Pause 1000"}));
+    EXPECT_EQ(LogCapture::instance().count({"SCardGetStatusChange returned:", "-2146435056"}), 1);
+}
+
+TEST_F(CardLoop, LossOfTheServiceEndsTheLoopWithEveryReaderGone)
+{
+    const struct
+    {
+        const char* call;
+        LONG result;
+    } losses[] = {{"Wait", SCARD_F_COMM_ERROR},        {"Wait", SCARD_E_NO_SERVICE},
+                  {"Wait", SCARD_E_SERVICE_STOPPED},   {"Wait", SCARD_E_INVALID_HANDLE},
+                  {"ListNames", SCARD_E_NO_SERVICE},   {"ListReaders", SCARD_F_COMM_ERROR}};
+    for (const auto& loss : losses) {
+        SCOPED_TRACE(loss.call);
+        SCOPED_TRACE(loss.result);
+        start();
+        stack.readers = {"A", "B"};
+        // Listing failures show once a change makes the loop list the readers again.
+        stack.script.push_back([&] {
+            stack.failures[loss.call] = loss.result;
+            stack.cards["A"] = tag({0x0A});
+        });
+
+        const bool listing = std::string(loss.call) != "Wait";
+        Lines expected = {"connect A", "connect B"};
+        if (listing)
+            expected.push_back("rfid 0a");
+        expected.insert(expected.end(), {"disconnect A", "disconnect B", "service lost"});
+        EXPECT_EQ(run(), expected);
+        EXPECT_TRUE(PcscService::isServiceLoss(loss.result));
+        EXPECT_EQ(LogCapture::instance().count({"PC/SC service lost:", QString::number(qint32(loss.result))}), 1);
+        EXPECT_EQ(calls("Cancel"), Lines{}) << "the loop ended without a stop";
+    }
+    for (const LONG other : {SCARD_E_TIMEOUT, SCARD_E_UNKNOWN_READER, SCARD_E_READER_UNAVAILABLE, SCARD_E_CANCELLED,
+                             SCARD_E_NO_READERS_AVAILABLE, SCARD_W_REMOVED_CARD})
+        EXPECT_FALSE(PcscService::isServiceLoss(other)) << other;
+}
+
+TEST_F(CardLoop, AListingThatFailsIsRetriedWithoutTellingClientsTheReadersWentAway)
+{
+    stack.readers = {"A"};
+    stack.script.push_back([] {
+        stack.failures["ListNames"] = SCARD_E_NO_MEMORY;
+        stack.readers = {"A", "B"};
+    });
+    stack.addWaitSteps(1); // the pause after the second failure
+    stack.script.push_back([] { stack.failures.clear(); });
+
+    const Lines lines = run();
+    EXPECT_EQ(Lines(lines.begin(), lines.begin() + 1), Lines{"connect A"});
+    EXPECT_EQ(Lines(lines.end() - 3, lines.end()), (Lines{"connect B", "disconnect A", "disconnect B"}));
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "disconnect A"), 1);
+    EXPECT_TRUE(logged({"SCardListReaders returned:", "-2146435066"}));
+}
+
+TEST_F(CardLoop, ReaderNamesGoBackToPcscAsTheyCameAndToClientsAsValidText)
+{
+    const std::string utf8 = "Lecteur \xC3\xA9 \xF0\x9F\x92\xB3";
+    const std::string latin1 = "Leser \xE9";
+    const std::string broken = "Reader \xC3";
+    stack.readers = {utf8, latin1, broken};
+    stack.cards[utf8] = tag({0x01});
+    stack.cards[latin1] = tag({0x02});
+    stack.cards[broken] = tag({0x03});
+
+    const QString utf8Text = QString::fromUtf8("Lecteur \xC3\xA9 \xF0\x9F\x92\xB3");
+    const QString latin1Text = QString::fromUtf8("Leser \xC3\xA9");
+    const QString brokenText = QString::fromUtf8("Reader \xC3\x83");
+    const auto connectLine = [](const QString& name) { return ("connect " + name).toStdString(); };
+    EXPECT_EQ(run(), (Lines{connectLine(utf8Text), connectLine(latin1Text), connectLine(brokenText), "rfid 01",
+                            "rfid 02", "rfid 03", ("disconnect " + utf8Text).toStdString(),
+                            ("disconnect " + latin1Text).toStdString(), ("disconnect " + brokenText).toStdString()}));
+    EXPECT_EQ(calls("Connect "), (Lines{"Connect " + utf8, "Connect " + latin1, "Connect " + broken}));
+
+    for (const QString& name : {utf8Text, latin1Text, brokenText}) {
+        QJsonParseError error{};
+        const QJsonDocument parsed =
+            QJsonDocument::fromJson(QJsonDocument(ReaderCommand::build(name, true)).toJson(), &error);
+        EXPECT_EQ(error.error, QJsonParseError::NoError);
+        EXPECT_EQ(parsed.object().value(QStringLiteral("name")).toString(), name);
+    }
+}
+
+TEST_F(CardLoop, EndsAtOnceAfterAStopOrWithoutAContext)
+{
+    stack.readers = {"A"};
+    // A failing cancel or release is only logged: the stop holds all the same.
+    stack.failures = {{"Cancel", SCARD_E_INVALID_HANDLE}, {"Release", SCARD_E_INVALID_HANDLE}};
+    controller->stop();
+    EXPECT_EQ(run(), Lines{});
+    controller.reset();
+    EXPECT_EQ(stack.journal.back(), "Release");
+
+    start(SCARD_E_NO_SERVICE);
+    stack.readers = {"A"};
+    EXPECT_EQ(run(), Lines{});
+    EXPECT_TRUE(logged({"Could not get PCSC context:", "-2146435043", "resource manager is not running."}));
+}
+
+TEST_F(CardLoop, AStopFromAnotherThreadEndsAWaitThatBlocks)
+{
+    stack.script.push_back(blockUntilCancelled);
+    std::thread loop([this] { controller->process(); });
+    blockedWait();
+    controller->stop();
+    loop.join();
+    EXPECT_EQ(notes(), Lines{});
+}
+
+} // namespace
