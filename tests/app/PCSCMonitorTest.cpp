@@ -1,5 +1,7 @@
 #include "PCSCMonitor.h"
 
+#include "LogCapture.h"
+
 #include <QThread>
 
 #include <gtest/gtest.h>
@@ -9,26 +11,41 @@
 
 namespace {
 
-TEST(PCSCMonitor, ReturnsAtOnceWhenTheFirstAttemptSucceedsOrThereIsNone)
+using namespace std::chrono_literals;
+
+TEST(PCSCMonitor, SignalsOnceWhenTheServiceAnswersAndLogsNothingPerAttempt)
 {
+    LogCapture::instance().clear();
     int attempts = 0;
-    PCSCMonitor succeeding([&] { ++attempts; return true; });
-    succeeding.process();
-    EXPECT_EQ(attempts, 1);
+    // No pauses, and a report interval no test reaches.
+    PCSCMonitor monitor([&] { return ++attempts == 50; }, PCSCMonitor::Pacing{0ms, 0ms, 1h});
+    int announced = 0;
+    QObject::connect(&monitor, &PCSCMonitor::pcscAvailable, [&] { ++announced; });
+    monitor.process();
+    EXPECT_EQ(attempts, 50);
+    EXPECT_EQ(announced, 1);
+    EXPECT_EQ(LogCapture::instance().lines(), QStringList());
 
     PCSCMonitor empty(nullptr);
+    QObject::connect(&empty, &PCSCMonitor::pcscAvailable, [&] { ++announced; });
     empty.process();
+    EXPECT_EQ(announced, 1);
 }
 
-TEST(PCSCMonitor, StopDuringThePauseEndsTheLoopWithoutAnotherAttempt)
+TEST(PCSCMonitor, StopDuringThePauseEndsTheLoopWithoutAnotherAttemptOrSignal)
 {
     std::atomic<int> attempts{0};
     std::promise<void> firstAttempt;
-    PCSCMonitor monitor([&] {
-        if (attempts++ == 0)
-            firstAttempt.set_value();
-        return false;
-    });
+    // A pause far longer than any test may take.
+    PCSCMonitor monitor(
+        [&] {
+            if (attempts++ == 0)
+                firstAttempt.set_value();
+            return false;
+        },
+        PCSCMonitor::Pacing{1h, 1h, 1h});
+    std::atomic<bool> signalled{false};
+    QObject::connect(&monitor, &PCSCMonitor::pcscAvailable, [&] { signalled = true; });
 
     QThread thread;
     monitor.moveToThread(&thread);
@@ -38,14 +55,15 @@ TEST(PCSCMonitor, StopDuringThePauseEndsTheLoopWithoutAnotherAttempt)
     firstAttempt.get_future().wait();
     monitor.stop();
     thread.quit();
-    ASSERT_TRUE(thread.wait(10000)) << "a stop must not wait out the retry interval";
+    thread.wait();
     EXPECT_EQ(attempts.load(), 1);
+    EXPECT_FALSE(signalled.load());
 }
 
 TEST(PCSCMonitor, StopBeforeTheLoopStartsIsNotForgotten)
 {
     std::atomic<int> attempts{0};
-    PCSCMonitor monitor([&] { ++attempts; return false; });
+    PCSCMonitor monitor([&] { ++attempts; return true; });
     monitor.stop();
     monitor.process();
     EXPECT_EQ(attempts.load(), 0);
