@@ -22,8 +22,10 @@ void ReaderStates::update(const std::vector<std::string>& listing, bool forgetSt
             fresh.push_back(records[static_cast<size_t>(kept - readerNames.begin())]);
     }
     // The pseudo-reader's state carries the service's count of reader events, which newer
-    // pcsc-lite compares to catch readers that came or went between two waits.
-    if (notifications)
+    // pcsc-lite compares to catch readers that came or went between two waits. PC/SC takes no
+    // more records than it can have readers; with all of them listed none can come, and one
+    // that goes shows in its own record.
+    if (notifications && listing.size() < PCSCLITE_MAX_READERS_CONTEXTS)
         fresh.push_back(records.size() > readerNames.size() ? records.back() : unaware(notificationReader));
 
     readerNames = listing;

@@ -24,7 +24,7 @@ public:
     const std::vector<std::string>& names() const { return readerNames; }
     size_t readerCount() const { return readerNames.size(); }
     SCARD_READERSTATE& reader(size_t index) { return records[index]; }
-    SCARD_READERSTATE* notification() { return notifications ? &records.back() : nullptr; }
+    SCARD_READERSTATE* notification() { return records.size() > readerNames.size() ? &records.back() : nullptr; }
 
     SCARD_READERSTATE* data() { return records.data(); }
     DWORD size() const { return static_cast<DWORD>(records.size()); }

@@ -67,6 +67,18 @@ TEST_F(CardLoop, WithNoReaderTheWaitBlocksAndAReaderThatAppearsIsReadAtOnce)
     EXPECT_EQ(stack.clockMs, 3 * refreshMs);
 }
 
+TEST_F(CardLoop, WithAsManyReadersAsPcscCanHaveTheWaitLeavesThePseudoReaderOut)
+{
+    for (int i = 0; i < PCSCLITE_MAX_READERS_CONTEXTS; ++i)
+        stack.readers.push_back("R" + std::to_string(i));
+    stack.script.push_back([] { stack.cards["R15"] = tag({0x0F}); });
+    stack.script.push_back([] { stack.readers.pop_back(); });
+
+    const Lines lines = run();
+    EXPECT_EQ(Lines(lines.begin() + 16, lines.end() - 15), (Lines{"rfid 0f", "disconnect R15"}));
+    EXPECT_EQ(calls("Wait").back(), "Wait 15000 16") << "the pseudo-reader is back once there is room";
+}
+
 TEST_F(CardLoop, WithoutReaderNotificationsListsReadersEverySecondAndNeverSpins)
 {
     // PC/SC may reject the pseudo-reader outright or report it unknown.

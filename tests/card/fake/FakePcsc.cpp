@@ -252,7 +252,7 @@ LONG scriptedFailure()
 LONG SCardGetStatusChange(SCARDCONTEXT context, DWORD timeout, SCARD_READERSTATE* records, DWORD count)
 {
     stack.journal.push_back("Wait " + std::to_string(timeout) + " " + std::to_string(count));
-    if (context != establishedContext || (!records && count > 0))
+    if (context != establishedContext || (!records && count > 0) || count > PCSCLITE_MAX_READERS_CONTEXTS)
         return SCARD_E_INVALID_PARAMETER;
     if (stack.unknownReaderFails) {
         for (DWORD i = 0; i < count; ++i) {
