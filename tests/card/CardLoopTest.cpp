@@ -225,7 +225,7 @@ TEST_F(CardLoop, ReaderNamesGoBackToPcscAsTheyCameAndToClientsAsValidText)
     // As clients get them.
     for (const QString& name : {utf8Text, latin1Text, brokenText}) {
         const QByteArray json = QJsonDocument(ReaderCommand::build(name, true)).toJson();
-        EXPECT_EQ(QJsonDocument::fromJson(json).object().value(QStringLiteral("name")).toString(), name) << json;
+        EXPECT_EQ(QJsonDocument::fromJson(json).object().value(QStringLiteral("name")).toString(), name) << json.toStdString();
     }
 }
 
