@@ -167,6 +167,18 @@ TEST_F(ServiceEndToEnd, ServiceStartedBeforePcscdDeliversCardsOnceItComesUp)
     stopService(SIGINT);
 }
 
+TEST_F(ServiceEndToEnd, StopsWhileWaitingForALostPcscd)
+{
+    startPcscd();
+    startServiceWithReaders();
+    auto client = connectClient();
+    expectReaderGreeting(*client);
+    pcscd.kill();
+    EXPECT_EQ(next(*client), readerText(pcscd.readerName(0), false));
+    EXPECT_EQ(next(*client), readerText(pcscd.readerName(1), false));
+    stopService(SIGTERM);
+}
+
 TEST_F(ServiceEndToEnd, ClientsSeeTheReadersGoWithPcscdAndComeBackWithItWithoutLeaks)
 {
     startPcscd();
