@@ -1,6 +1,6 @@
 #include "WebsocketServer.h"
 
-#include "LibraryLogStream.h"
+#include "RotatingFileStream.h"
 #include "Log.h"
 
 #include <exception>
@@ -17,13 +17,20 @@ const void* connectionAddress(const websocketpp::connection_hdl& hdl)
 // never reads the pongs) passes it and is dropped, rather than holding the service's memory.
 const size_t maxUnsentBytes = 1024 * 1024;
 
+// The library's access and error logs start empty and are rotated like app.log, only larger:
+// a long run of connections must not fill the disk.
+std::unique_ptr<std::ostream> openLibraryLog(const QString& path)
+{
+    return std::make_unique<Log::RotatingFileStream>(path, 1024 * 1024, 2);
+}
+
 } // namespace
 
 WebsocketServer::WebsocketServer(unsigned short port, const QString& certFile,
                                  const QString& keyFile, const QString& logPath,
                                  const QStringList& origins, Callbacks callbacks)
-    : accessLog(openLibraryLogStream(logPath + QStringLiteral("access.log")))
-    , errorLog(openLibraryLogStream(logPath + QStringLiteral("error.log")))
+    : accessLog(openLibraryLog(logPath + QStringLiteral("access.log")))
+    , errorLog(openLibraryLog(logPath + QStringLiteral("error.log")))
     , tls(certFile, keyFile)
     , strand(ioContext)
     , accept(endpoint, ioContext)
