@@ -7,7 +7,7 @@ root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 build="${TIV_BUILD_DIR:-$root/build}"
 case "$build" in /*) ;; *) build="$root/$build" ;; esac
 
-bash "$root/scripts/install-deps.sh"
+bash "$root/scripts/install-deps.sh" --tests
 # shellcheck disable=SC2086
 cmake -S "$root" -B "$build" ${TIV_CMAKE_ARGS:-} >/dev/null
 cmake --build "$build" -j"$(nproc)"
