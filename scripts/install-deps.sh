@@ -67,9 +67,9 @@ if ! installed vsmartcard-vpcd && [ ! -e "$driver" ]; then
     $updated || $SUDO apt-get update -q
     work="$(mktemp -d)"
     trap 'rm -rf -- "$work"' EXIT
-    # apt's download user must be able to write here.
-    chmod 755 "$work"
-    (cd "$work" && apt-get download -q vsmartcard-vpcd)
+    # As root, apt would otherwise hand the download to its sandbox user, who cannot write here.
+    sandbox=(); if [ "$(id -u)" -eq 0 ]; then sandbox=(-o APT::Sandbox::User=root); fi
+    (cd "$work" && apt-get download -q "${sandbox[@]}" vsmartcard-vpcd)
     rm -rf -- "$vpcd_dir.new"
     dpkg-deb -x "$work"/vsmartcard-vpcd_*.deb "$vpcd_dir.new"
     rm -rf -- "$vpcd_dir"
