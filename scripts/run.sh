@@ -50,8 +50,13 @@ stop_pcscd() {
 }
 trap stop_pcscd EXIT
 if [ -z "${PCSCLITE_CSOCK_NAME:-}" ] && [ ! -S /run/pcscd/pcscd.comm ] && command -v pcscd >/dev/null; then
-  # In the foreground (-f) it stays our child, so its id is known for the stop.
-  as_root pcscd -f >"$local_dir/pcscd.log" 2>&1 &
+  # In the foreground (-f) it stays our direct child (sudo passes the stop on), so its id is
+  # known for the stop.
+  if [ "$(id -u)" -eq 0 ]; then
+    pcscd -f >"$local_dir/pcscd.log" 2>&1 &
+  else
+    sudo pcscd -f >"$local_dir/pcscd.log" 2>&1 &
+  fi
   pcscd_pid=$!
   for _ in $(seq 50); do
     [ -S /run/pcscd/pcscd.comm ] && break
