@@ -106,9 +106,10 @@ class Browser:
                 env={**os.environ, "HOME": self.home})
             if self._wait_until_ready():
                 break
+            output = self._driver_output()
             self._stop_driver()
         else:
-            raise WebDriverError("chromedriver did not start: " + self._driver_output())
+            raise WebDriverError("chromedriver did not start: " + output)
         capabilities = {"browserName": "chrome",
                         "goog:chromeOptions": {"binary": CHROMIUM, "args": self.args}}
         reply = self._call("POST", "/session", {"capabilities": {"alwaysMatch": capabilities}})
@@ -142,7 +143,8 @@ class Browser:
         except urllib.error.HTTPError as error:
             try:
                 value = json.load(error).get("value", {})
-                message = f"{value.get('error')}: {value.get('message', '').splitlines()[0]}"
+                # Chromium's own words come after the first line; the stack trace after them.
+                message = f"{value.get('error')}: {value.get('message', '')}".split("\nStacktrace:")[0]
             except ValueError:
                 message = str(error)
             raise WebDriverError(f"{method} {path}: {message}") from None
@@ -189,6 +191,9 @@ class Browser:
                 self.driver.kill()
                 self.driver.wait()
         self.driver = None
+        if getattr(self, "driver_log", None):
+            self.driver_log.close()
+            self.driver_log = None
 
     def close(self):
         if self.session:
