@@ -18,6 +18,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <unistd.h>
 
 #include <iostream>
@@ -85,6 +86,11 @@ protected:
         ASSERT_EQ(debs.size(), 1);
         deb = packages.filePath(debs.first());
 
+        // The unit's /tmp is its own: the private pcscd's socket goes under /run instead.
+        QByteArray runDirectory("/run/tiv-unit-test-XXXXXX");
+        ASSERT_TRUE(::mkdtemp(runDirectory.data()));
+        runTemporary = QString::fromLocal8Bit(runDirectory);
+        qputenv("TMPDIR", runDirectory);
         ASSERT_TRUE(pcscd.start()) << pcscd.lastError().toStdString();
         port = TestSupport::findFreePorts();
         installed = true; // from here on, TearDown cleans up whatever got done
@@ -93,8 +99,10 @@ protected:
 
     void TearDown() override
     {
-        if (!installed)
+        if (!installed) {
+            cleanUpRunDirectory();
             return;
+        }
         if (HasFailure()) {
             std::cerr << runCommand(QStringLiteral("journalctl"), {QStringLiteral("-u"), unitName, QStringLiteral("-n"),
                                                             QStringLiteral("60"), QStringLiteral("--no-pager")})
@@ -105,6 +113,14 @@ protected:
         QFile::remove(settingsFile);
         QDir().rmdir(QFileInfo(settingsFile).path());
         runCommand(QStringLiteral("systemctl"), {QStringLiteral("daemon-reload")});
+        cleanUpRunDirectory();
+    }
+
+    void cleanUpRunDirectory()
+    {
+        pcscd.stop();
+        if (!runTemporary.isEmpty())
+            QDir(runTemporary).removeRecursively();
     }
 
     // Before the install, so the postinst's start already uses them: the package keeps
@@ -138,6 +154,7 @@ protected:
     TestSupport::PrivatePcscd pcscd;
     quint16 port = 0;
     bool installed = false;
+    QString runTemporary;
 };
 
 TEST_F(InstalledUnit, ReadsATagAsItsOwnUserAndWritesItsLogsAndSettings)

@@ -58,13 +58,10 @@ class WebClientPageLogic(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.site = StaticSite().__enter__()
+        cls.addClassCleanup(cls.site.__exit__, None, None, None)
         cls.browser = Browser().__enter__()
+        cls.addClassCleanup(cls.browser.close)
         cls.browser.cdp("Page.addScriptToEvaluateOnNewDocument", {"source": FAKE_WEBSOCKET})
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.browser.close()
-        cls.site.__exit__(None, None, None)
 
     def open_page(self, query):
         self.browser.open(f"{self.site.url}index.html{query}")
