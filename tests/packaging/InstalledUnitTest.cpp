@@ -2,6 +2,7 @@
 // pointed at the tests' private pcscd and a free port: it must read a virtual tag and write its
 // logs and its settings as its own unprivileged user. Skips where systemd does not run, and
 // where the package or its settings are present already (it would not leave them as found).
+// Also shows that a start which fails, and so ends with status 0, is tried again.
 #include "CardPersonality.h"
 #include "FreePort.h"
 #include "HexBytes.h"
@@ -18,10 +19,15 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdlib>
+
 #include <iostream>
+#include <memory>
 
 namespace {
 
@@ -61,6 +67,19 @@ CommandResult runCommand(const QString& program, const QStringList& arguments, i
 QString systemState()
 {
     return runCommand(QStringLiteral("systemctl"), {QStringLiteral("is-system-running")}).output.trimmed();
+}
+
+// A client can make one connection only: every attempt gets a new one.
+std::unique_ptr<TestWsClient> connectWithin(quint16 port, int timeoutMs)
+{
+    std::unique_ptr<TestWsClient> client;
+    const bool connected = waitUntil(
+        [&] {
+            client = std::make_unique<TestWsClient>();
+            return client->connect(port, 2000);
+        },
+        timeoutMs);
+    return connected ? std::move(client) : nullptr;
 }
 
 class InstalledUnit : public ::testing::Test
@@ -170,10 +189,10 @@ TEST_F(InstalledUnit, ReadsATagAsItsOwnUserAndWritesItsLogsAndSettings)
     EXPECT_EQ(runCommand(QStringLiteral("systemctl"), {QStringLiteral("is-enabled"), unitName}).output.trimmed(),
               QStringLiteral("enabled"));
 
-    TestWsClient client;
-    ASSERT_TRUE(waitUntil([&] { return client.connect(port, 2000); }, 60000)) << client.lastError().toStdString();
+    const auto client = connectWithin(port, 60000);
+    ASSERT_TRUE(client) << "the installed service does not serve";
     QStringList greeting;
-    while (auto message = client.nextMessage(30000)) {
+    while (auto message = client->nextMessage(30000)) {
         greeting << *message;
         if (message->contains(QLatin1String("\"VERSION\"")))
             break;
@@ -184,11 +203,34 @@ TEST_F(InstalledUnit, ReadsATagAsItsOwnUserAndWritesItsLogsAndSettings)
     ASSERT_TRUE(tag.layOn(pcscd.vpcdPort(0))) << tag.lastError();
     bool tagSeen = false;
     while (!tagSeen) {
-        const auto message = client.nextMessage(60000);
+        const auto message = client->nextMessage(60000);
         ASSERT_TRUE(message) << "no TAG message";
         tagSeen = message->contains(QLatin1String("04a10b7f"));
     }
-    client.close();
+    client->close();
+
+    // A start that fails (here: port taken) ends with status 0; the unit must try again.
+    ASSERT_EQ(runCommand(QStringLiteral("systemctl"), {QStringLiteral("stop"), unitName}).exitCode, 0);
+    const int blocker = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(::bind(blocker, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(::listen(blocker, 1), 0);
+    ASSERT_EQ(runCommand(QStringLiteral("systemctl"), {QStringLiteral("start"), unitName}).exitCode, 0);
+    const auto restarts = [] {
+        return runCommand(QStringLiteral("systemctl"), {QStringLiteral("show"), QStringLiteral("-P"),
+                                                        QStringLiteral("NRestarts"), unitName})
+            .output.trimmed()
+            .toInt();
+    };
+    const bool restarted = waitUntil([&] { return restarts() > 0; }, 60000);
+    ::close(blocker);
+    ASSERT_TRUE(restarted) << "no restart after a failed start";
+    const auto afterRestart = connectWithin(port, 60000);
+    ASSERT_TRUE(afterRestart) << "the restarted service does not serve";
+    afterRestart->close();
 
     ASSERT_EQ(runCommand(QStringLiteral("systemctl"), {QStringLiteral("stop"), unitName}).exitCode, 0);
     const QFileInfo appLog(logDirectory + QStringLiteral("/app.log"));
