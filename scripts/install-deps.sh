@@ -7,7 +7,7 @@
 #                                     virtual-reader driver unpacked under .local/vpcd/ (never
 #                                     installed into the system)
 #   scripts/install-deps.sh --tests   that, plus the rest of the test stack: Chromium with its
-#                                     WebDriver and python3 for the browser tests, procps, mkcert
+#                                     WebDriver and python3 for the browser tests, mkcert
 set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 
@@ -29,9 +29,8 @@ if [ -n "$set_name" ]; then
   packages+=(libgtest-dev util-linux)
 fi
 if [ "$set_name" = --tests ]; then
-  # procps: ps and pgrep for the tests of the demo and the benchmark; mkcert for the test of
-  # scripts/trust-certificate.sh, which leaves every trust store alone.
-  packages+=(procps chromium chromium-driver python3 mkcert)
+  # mkcert for the test of scripts/trust-certificate.sh, which leaves every trust store alone.
+  packages+=(chromium chromium-driver python3 mkcert)
 fi
 
 SUDO=""
