@@ -3,8 +3,7 @@
 # the build is configured.
 #
 # Set by the caller: TIV_UNIT_TEMPLATE, TIV_UNIT_DIR and TIV_BINDIR (either may be relative to the
-# prefix), TIV_CERT_FILE, TIV_KEY_FILE, TIV_SETTINGS_SOURCE, TIV_SETTINGS_DIR, TIV_SETTINGS_NAME,
-# TIV_STAGING_DIR.
+# prefix), TIV_CERT_FILE, TIV_KEY_FILE, TIV_SERVICE_USER, TIV_SETTINGS_DIR, TIV_STAGING_DIR.
 
 foreach(dir IN ITEMS TIV_UNIT_DIR TIV_BINDIR)
   if(NOT IS_ABSOLUTE "${${dir}}")
@@ -19,12 +18,3 @@ string(MD5 stage "$ENV{DESTDIR}|${CMAKE_INSTALL_PREFIX}")
 set(stage "${TIV_STAGING_DIR}/${stage}")
 file(WRITE "${stage}/tiv-rfid-svc.service" "${unit}")
 file(INSTALL DESTINATION "${TIV_UNIT_DIR}" TYPE FILE FILES "${stage}/tiv-rfid-svc.service")
-
-# An administrator's settings survive a reinstall (dpkg protects them itself as a conffile).
-set(settings "${TIV_SETTINGS_DIR}/${TIV_SETTINGS_NAME}")
-if(EXISTS "$ENV{DESTDIR}${settings}")
-  message(STATUS "Keeping: $ENV{DESTDIR}${settings}")
-else()
-  file(INSTALL DESTINATION "${TIV_SETTINGS_DIR}" TYPE FILE RENAME "${TIV_SETTINGS_NAME}"
-       FILES "${TIV_SETTINGS_SOURCE}")
-endif()

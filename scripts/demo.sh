@@ -10,7 +10,8 @@ build="${TIV_BUILD_DIR:-$root/build}"
 case "$build" in /*) ;; *) build="$root/$build" ;; esac
 
 # Build chatter goes to stderr, so piped output shows only the demo.
-bash "$root/scripts/install-deps.sh" >&2
-cmake -S "$root" -B "$build" >/dev/null
+bash "$root/scripts/install-deps.sh" --demo >&2
+# The demo is built with the test tools (a tree that scripts/run.sh made has them off).
+cmake -S "$root" -B "$build" -DTIV_BUILD_TESTS=ON >/dev/null
 cmake --build "$build" --target tiv-demo tiv-rfid-svc -j"$(nproc)" >&2
 exec "$build/tools/demo/tiv-demo" "$@"

@@ -7,9 +7,9 @@ root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 build="${TIV_BUILD_DIR:-$root/build}"
 case "$build" in /*) ;; *) build="$root/$build" ;; esac
 
-bash "$root/scripts/install-deps.sh"
+bash "$root/scripts/install-deps.sh" --tests
 # shellcheck disable=SC2086
-cmake -S "$root" -B "$build" ${TIV_CMAKE_ARGS:-} >/dev/null
+cmake -S "$root" -B "$build" -DTIV_BUILD_TESTS=ON ${TIV_CMAKE_ARGS:-} >/dev/null
 cmake --build "$build" -j"$(nproc)"
 # Qt 5's own locks are invisible to ThreadSanitizer; known false reports are listed here.
 export TSAN_OPTIONS="suppressions=$root/tests/tsan.supp ${TSAN_OPTIONS:-}"

@@ -156,8 +156,10 @@ as_writer_of "$cert_dir" mkdir -p -- "$cert_dir"
 as_writer_of "$cert_dir" install -m 600 -- "$work/key.pem" "$new_key.new"
 as_writer_of "$cert_dir" install -m 644 -- "$work/cert.pem" "$new_cert.new"
 if [ "$(id -u)" -eq 0 ]; then
-  # Readable by whoever owns the folder (root for the system service, the user for run.sh).
+  # Readable by whoever owns the folder (the user for run.sh); the system service reads its
+  # key through the group of its folder, so the key is that group's to read as well.
   chown --reference="$cert_dir" -- "$new_key.new" "$new_cert.new"
+  if [ "$(stat -c %g -- "$cert_dir")" != 0 ]; then chmod 640 -- "$new_key.new"; fi
 fi
 as_writer_of "$cert_dir" mv -f -- "$new_key.new" "$new_key"
 as_writer_of "$cert_dir" mv -f -- "$new_cert.new" "$new_cert"

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# A staged `cmake --install` lays out a complete, self-consistent system service.
+# A staged `cmake --install` lays out a complete, self-consistent, locked-down system service.
 source "$(dirname "$0")/lib.sh"
 
 # Not /usr: a path written for one prefix only shows up here.
@@ -15,7 +15,8 @@ check "binary and certificate helper are executable" \
   test -x "$bin/tiv-rfid-svc" -a -x "$bin/tiv-rfid-svc-ensure-certificate"
 check "log directory exists" test -d "$root/var/log/tiv-rfid-svc"
 for line in "ExecStart=$prefix/bin/tiv-rfid-svc" Wants=pcscd.socket After=pcscd.socket \
-            Restart=on-failure WantedBy=multi-user.target; do
+            User=tiv-rfid-svc Restart=always WantedBy=multi-user.target \
+            LogsDirectory=tiv-rfid-svc ReadWritePaths=-/etc/xdg/TIV; do
   check "unit: $line" has_line "$unit" "$line"
 done
 check "unit: no daemon option, systemd supervises the process" lacks "$unit" "--daemon"
@@ -26,9 +27,10 @@ check "settings: log directory" has_line "$settings" "logpath=/var/log/tiv-rfid-
 cert="$(sed -n 's/^certfile=//p' "$settings")"
 key="$(sed -n 's/^keyfile=//p' "$settings")"
 check "settings: absolute certificate and key" test "${cert:0:1}${key:0:1}" = "//"
-# The start-up helper must create exactly the files the service is told to read.
-check "unit creates the certificate the settings name" \
-  has_line "$unit" "ExecStartPre=$prefix/bin/tiv-rfid-svc-ensure-certificate $cert $key"
+# The start-up helper must create exactly the files the service is told to read, as root ("+"),
+# readable by the service's group.
+check "unit creates the certificate the settings name, for the service's group" \
+  has_line "$unit" "ExecStartPre=+$prefix/bin/tiv-rfid-svc-ensure-certificate $cert $key tiv-rfid-svc"
 
 echo "loglevel=3" >>"$settings"
 install_tree

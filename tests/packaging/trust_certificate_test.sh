@@ -27,4 +27,12 @@ check "only the owner reads the key" test "$(stat -c %a "$tmp/certs/localhost-tr
 check "settings name the new pair, the rest is kept" diff "$tmp/expected" "$settings"
 trust
 check "running again changes nothing in the settings" diff "$tmp/expected" "$settings"
+
+# The system service reads its key through the group of the key's folder.
+if [ "$(id -u)" -eq 0 ] && getent group nogroup >/dev/null; then
+  chgrp nogroup "$tmp/certs"
+  trust
+  check "a folder's group reads the renewed key, nobody else" \
+    test "$(stat -c '%G %a' "$tmp/certs/localhost-trusted.key")" = "nogroup 640"
+fi
 finish

@@ -34,12 +34,28 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 const char readerFriendlyName[] = "Tiv Virtual Reader";
-const char vpcdDriver[] = "/usr/lib/pcsc/drivers/serial/libifdvpcd.so";
+#ifndef TIV_VPCD_DRIVER
+#define TIV_VPCD_DRIVER ""
+#endif
 const auto startTimeout = std::chrono::seconds(20);
 const auto readersAfterSocketTimeout = std::chrono::seconds(3);
 const auto stopTimeout = std::chrono::seconds(10);
 const auto pollInterval = std::chrono::milliseconds(10);
 const int startAttempts = 3;
+
+// The project's own unpacked copy comes first, so the driver need not be installed where the
+// system's pcscd would load it; TIV_VPCD_DRIVER in the environment overrides both.
+QString vpcdDriver()
+{
+    const QString fromEnvironment = qEnvironmentVariable("TIV_VPCD_DRIVER");
+    if (!fromEnvironment.isEmpty())
+        return fromEnvironment;
+    for (const char* candidate : {TIV_VPCD_DRIVER, "/usr/lib/pcsc/drivers/serial/libifdvpcd.so"}) {
+        if (*candidate && QFileInfo::exists(QString::fromLocal8Bit(candidate)))
+            return QString::fromLocal8Bit(candidate);
+    }
+    return QString();
+}
 
 // Inside its namespace the daemon finds our directory at /run/pcscd; the exec keeps
 // the spawned process id, so kill() reaches pcscd itself.
@@ -144,6 +160,12 @@ bool PrivatePcscd::start()
         return false;
     }
 
+    const QString driver = vpcdDriver();
+    if (driver.isEmpty()) {
+        error = QStringLiteral("the virtual-reader driver libifdvpcd.so is missing: run scripts/install-test-deps.sh");
+        return false;
+    }
+
     // A port that looked free can be taken before the driver binds it: try fresh ones.
     for (int attempt = 0; attempt < startAttempts; ++attempt) {
         try {
@@ -160,7 +182,7 @@ bool PrivatePcscd::start()
         config.write(QStringLiteral("FRIENDLYNAME \"%1\"\nDEVICENAME /dev/null:%2\nLIBPATH %3\n")
                          .arg(QLatin1String(readerFriendlyName))
                          .arg(firstPort)
-                         .arg(QLatin1String(vpcdDriver))
+                         .arg(driver)
                          .toUtf8());
         config.close();
 

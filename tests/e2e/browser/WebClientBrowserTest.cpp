@@ -1,5 +1,5 @@
 // The example web client in headless Chromium against the built service on a private PC/SC
-// stack. The page is driven by drive-web-client.mjs, which reports what the page shows one
+// stack. The page is driven by drive_web_client.py, which reports what the page shows one
 // word a line; the test acts on the service and the readers between those reports.
 #include "CardPersonality.h"
 #include "FreePort.h"
@@ -24,7 +24,7 @@ using VirtualCards::CardPersonality;
 using VirtualCards::VirtualCard;
 using VirtualCards::parseHex;
 
-// Chromium's first start on a loaded two-core machine, and the service's 16 s reader refresh.
+// Chromium's first start on a loaded two-core machine, and the service's ~15 s reader refresh.
 constexpr int stepTimeoutMs = 90000;
 // A stopped service leaves its port in TIME_WAIT for a minute when clients were connected.
 constexpr int portReleaseTimeoutMs = 150000;
@@ -72,8 +72,8 @@ protected:
                               QStringLiteral("--version"), QStringLiteral(TIV_SERVICE_VERSION),
                               QStringLiteral("--screenshot"), screenshot,
                               QStringLiteral("--step-timeout"), QString::number(stepTimeoutMs)};
-        page.start(QStringLiteral("node"), arguments + extraArguments);
-        ASSERT_TRUE(page.waitForStarted()) << "node (Node.js 20 or later) is needed for the browser tests: "
+        page.start(QStringLiteral(TIV_PYTHON3), arguments + extraArguments);
+        ASSERT_TRUE(page.waitForStarted()) << "python3 is needed for the browser tests: "
                                            << page.errorString().toStdString();
     }
 
