@@ -133,8 +133,8 @@ void printRestarts(std::ostream& out, const BenchmarkReport& report)
              {std::to_string(tag.size()) + " of " + std::to_string(r.cycles.size())}, 0);
         out << "  each cycle, TAG after pcscd's return:" << each << "\n";
     }
-    line(out, "service threads (/proc/PID/task), before -> after", {beforeAfter(r.threadsBefore, r.threadsAfter)}, 0);
-    line(out, "service descriptors (/proc/PID/fd)", {beforeAfter(r.descriptorsBefore, r.descriptorsAfter)}, 0);
+    line(out, "service threads, before -> after", {beforeAfter(r.threadsBefore, r.threadsAfter)}, 0);
+    line(out, "service descriptors, before -> after", {beforeAfter(r.descriptorsBefore, r.descriptorsAfter)}, 0);
     if (!r.error.empty())
         out << "  stopped early: " << r.error << "\n";
     out << "\n";
@@ -158,9 +158,10 @@ const RoundResult* roundFor(const std::vector<RoundResult>& rounds, int clients)
 void printGoals(std::ostream& out, const BenchmarkReport& report)
 {
     out << std::left << std::setw(labelWidth + 2) << "Against the goals (upper limits)" << std::right
-        << std::setw(16) << "measured" << std::setw(16) << "goal" << "\n";
+        << std::setw(16) << "measured" << std::setw(18) << "goal" << "\n";
     const auto row = [&](const std::string& label, const std::string& measured, const std::string& goal) {
-        line(out, label, {measured, goal}, 16);
+        out << "  " << std::left << std::setw(labelWidth) << label << std::right << std::setw(16) << measured
+            << std::setw(18) << goal << "\n";
     };
     const auto idle = [](const IdleResult& r) { return r.cpuPercent ? fixed(*r.cpuPercent, 2, " %") : "-"; };
 
