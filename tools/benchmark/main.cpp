@@ -165,18 +165,22 @@ int main(int argc, char** argv)
     if (options.idleSeconds > 0 && !cancelled()) {
         std::cerr << "tiv-benchmark: a private PC/SC daemon with no reader, and the service" << std::endl;
         OwnPcscdStack bare(false);
-        if (bare.start(startTimeoutMs, cancelled))
-            runStage([&] { run.measureIdleWithoutReader(bare.target()); });
-        else
+        if (bare.start(startTimeoutMs, cancelled)) {
+            const BenchmarkTarget target = bare.target();
+            runStage([&] { run.measureIdleWithoutReader(target); });
+        } else {
             run.report().idleWithoutReader.error = bare.lastError().toStdString();
+        }
     }
     if (options.restartCycles > 0 && !cancelled()) {
         std::cerr << "tiv-benchmark: a private PC/SC daemon to kill and restart, and the service" << std::endl;
         OwnPcscdStack restarting(true);
-        if (restarting.start(startTimeoutMs, cancelled))
-            runStage([&] { run.measureRestarts(restarting.target(), restarting.pcscd()); });
-        else
+        if (restarting.start(startTimeoutMs, cancelled)) {
+            const BenchmarkTarget target = restarting.target();
+            runStage([&] { run.measureRestarts(target, restarting.pcscd()); });
+        } else {
             run.report().restarts.error = restarting.lastError().toStdString();
+        }
     }
 
     std::cout << "\nThe service (" << TIV_BUILD_TYPE << " build) on a private pcscd with virtual readers, which it\n"
