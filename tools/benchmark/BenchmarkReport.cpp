@@ -69,12 +69,12 @@ void printIdle(std::ostream& out, int idleSeconds, const IdleResult& withReaders
         << "Idle: " + std::to_string(idleSeconds) + " s each, no card, no client" << std::right << std::setw(22)
         << "CPU (utime + stime)" << std::setw(12) << "VmRSS" << "\n";
     const auto row = [&](const std::string& label, const IdleResult& idle) {
-        if (!idle.error.empty()) {
-            line(out, label, {idle.error}, 0);
-            return;
-        }
-        line(out, label, {idle.cpuPercent ? fixed(*idle.cpuPercent, 2, " % of a core") : "?",
-                          idle.residentKiB ? mib(*idle.residentKiB) : "?"}, 0);
+        out << "  " << std::left << std::setw(labelWidth) << label << std::right;
+        if (!idle.error.empty())
+            out << "  " << idle.error << "\n";
+        else
+            out << std::setw(22) << (idle.cpuPercent ? fixed(*idle.cpuPercent, 2, " % of a core") : "?")
+                << std::setw(12) << (idle.residentKiB ? mib(*idle.residentKiB) : "?") << "\n";
     };
     row("both readers attached", withReaders);
     row("pcscd up with no reader attached", withoutReader);
