@@ -57,12 +57,16 @@ bool OwnPcscdStack::start(int timeoutMs, const std::function<bool()>& cancelled)
     if (cancelled())
         error = QStringLiteral("cancelled");
     else if (service.waitForExit(0) || !ready)
-        error = QStringLiteral("the service did not come up; its log ends with:\n")
-                + ServiceStack::fileTail(service.logDir() + QStringLiteral("app.log"), 15);
+        error = QStringLiteral("the service did not come up; its log ends with:\n") + appLogTail(15);
     return error.isEmpty();
 }
 
 BenchmarkTarget OwnPcscdStack::target() const
 {
     return BenchmarkTarget{pid, port, daemon.vpcdPort(0), daemon.readerName(0)};
+}
+
+QString OwnPcscdStack::appLogTail(int lines) const
+{
+    return ServiceStack::fileTail(service.logDir() + QStringLiteral("app.log"), lines);
 }

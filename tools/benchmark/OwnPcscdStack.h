@@ -25,6 +25,7 @@ public:
     BenchmarkTarget target() const;
     TestSupport::PrivatePcscd& pcscd() { return daemon; }
     QString lastError() const { return error; }
+    QString appLogTail(int lines) const;
 
 private:
     const bool withReaders;

@@ -21,6 +21,7 @@
 #include <functional>
 #include <iostream>
 #include <memory>
+#include <vector>
 
 #ifndef TIV_BUILD_TYPE
 #define TIV_BUILD_TYPE "unknown"
@@ -66,6 +67,13 @@ QString firstLine(const QString& path)
 }
 
 const int startTimeoutMs = 60000;
+const int logTailLines = 25;
+
+// Why taps went missing is in the service's log, which goes with the stage.
+void showLogTail(const QString& tail)
+{
+    std::cerr << "tiv-benchmark: the service's log ends with:\n" << tail.toStdString() << std::endl;
+}
 
 // The event loop drains the service's output while `stage` measures on a thread of its own.
 void runStage(const std::function<void()>& stage)
@@ -159,6 +167,9 @@ int main(int argc, char** argv)
         }
         const BenchmarkTarget target{stack.servicePid(), stack.port(), stack.vpcdPort(0), stack.readerName(0)};
         runStage([&] { run.measureWithReaders(target); });
+        const std::vector<RoundResult>& rounds = run.report().rounds;
+        if (std::any_of(rounds.begin(), rounds.end(), [](const RoundResult& r) { return !r.error.empty(); }))
+            showLogTail(stack.appLogTail(logTailLines));
     }
 
     // A private daemon is one per process at a time: each stage below brings its own.
@@ -178,6 +189,10 @@ int main(int argc, char** argv)
         if (restarting.start(startTimeoutMs, cancelled)) {
             const BenchmarkTarget target = restarting.target();
             runStage([&] { run.measureRestarts(target, restarting.pcscd()); });
+            const RestartResult& restarts = run.report().restarts;
+            if (!restarts.error.empty() || std::any_of(restarts.cycles.begin(), restarts.cycles.end(),
+                                                       [](const RestartCycle& c) { return !c.tag; }))
+                showLogTail(restarting.appLogTail(logTailLines));
         } else {
             run.report().restarts.error = restarting.lastError().toStdString();
         }
