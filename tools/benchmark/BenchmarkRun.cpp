@@ -26,7 +26,7 @@ const auto readerPollInterval = 400ms;
 const auto presenceTimeout = 10s;
 const auto messageTimeout = 30s;
 const auto greetingTimeout = 60s;
-// The service may still be setting up card handling once its port is bound.
+// For the service to finish what it is doing: setting up card handling, reading a card.
 const auto settleTime = 1s;
 const int restartClients = 10;
 const auto pcscdDownTime = 1s;
@@ -225,6 +225,10 @@ void BenchmarkRun::measureRestarts(const BenchmarkTarget& target, TestSupport::P
 
     for (int cycle = 1; cycle <= options.restartCycles && !cancelled; ++cycle) {
         const std::string name = "pcscd restart " + std::to_string(cycle) + " of " + std::to_string(options.restartCycles);
+        // pcscd dies while the service waits for cards, where it spends its time; not in the
+        // middle of the previous tap.
+        if (!pause(settleTime))
+            break;
         onMainThread([&pcscd] { pcscd.kill(); });
         if (!pause(pcscdDownTime))
             break;
