@@ -1,17 +1,20 @@
 #include "BenchmarkRun.h"
 
 #include "CardPersonality.h"
-#include "LatencySummary.h"
+#include "PrivatePcscd.h"
 #include "ProcessStats.h"
+#include "ReaderPresenceWatch.h"
 #include "VirtualCard.h"
 #include "WssClientGroup.h"
 
+#include <QCoreApplication>
+#include <QMetaObject>
+
 #include <cstdio>
-#include <iomanip>
+#include <future>
 #include <iostream>
 #include <random>
 #include <set>
-#include <sstream>
 
 namespace {
 
@@ -22,6 +25,13 @@ using Clock = std::chrono::steady_clock;
 const auto readerPollInterval = 400ms;
 const auto presenceTimeout = 10s;
 const auto messageTimeout = 30s;
+const auto greetingTimeout = 60s;
+// For the service to finish what it is doing: setting up card handling, reading a card.
+const auto settleTime = 1s;
+const int restartClients = 10;
+const auto pcscdDownTime = 1s;
+const auto tapAfterReturn = 1s;
+const auto restartDeadline = 20s;
 
 double msBetween(Clock::time_point from, Clock::time_point to)
 {
@@ -33,31 +43,50 @@ void progress(const std::string& line)
     std::cerr << "tiv-benchmark: " << line << std::endl;
 }
 
-std::string mib(long kib)
+WssClientGroup::MessageHandler recordIn(TagArrivals& arrivals)
 {
-    std::ostringstream text;
-    text << std::fixed << std::setprecision(1) << static_cast<double>(kib) / 1024.0 << " MiB";
-    return text.str();
+    return [&arrivals](int connection, const std::string& text, Clock::time_point arrival) {
+        arrivals.onMessage(connection, text, arrival);
+    };
 }
 
-std::string milliseconds(double value)
+// The daemon dies with the thread that started it, so it is started on one that outlives it.
+// A blocking queued call would hand back through Qt's locks, which the thread sanitizer cannot
+// see; a promise it can.
+void onMainThread(const std::function<void()>& work)
 {
-    std::ostringstream text;
-    text << std::fixed << std::setprecision(1) << value << " ms";
-    return text.str();
+    std::promise<void> done;
+    QMetaObject::invokeMethod(
+        QCoreApplication::instance(),
+        [&work, &done] {
+            work();
+            done.set_value();
+        },
+        Qt::QueuedConnection);
+    done.get_future().wait();
 }
 
 } // namespace
 
-BenchmarkRun::BenchmarkRun(BenchmarkOptions options, BenchmarkTarget target)
-    : options(std::move(options)), target(std::move(target))
+BenchmarkRun::CancelHook::CancelHook(BenchmarkRun& run, std::function<void()> cancel) : run(run)
 {
+    std::lock_guard<std::mutex> lock(run.mutex);
+    if (run.cancelled)
+        cancel();
+    at = run.cancelHooks.insert(run.cancelHooks.end(), std::move(cancel));
 }
 
-BenchmarkRun::~BenchmarkRun()
+BenchmarkRun::CancelHook::~CancelHook()
 {
-    cancel();
-    wait();
+    std::lock_guard<std::mutex> lock(run.mutex);
+    run.cancelHooks.erase(at);
+}
+
+BenchmarkRun::BenchmarkRun(BenchmarkOptions options) : options(std::move(options))
+{
+    result.idleSeconds = this->options.idleSeconds;
+    result.restartCycles = this->options.restartCycles;
+    result.restartDeadlineSeconds = static_cast<int>(restartDeadline.count());
 }
 
 void BenchmarkRun::cancel()
@@ -65,10 +94,10 @@ void BenchmarkRun::cancel()
     {
         std::lock_guard<std::mutex> lock(mutex);
         cancelled = true;
-        if (currentArrivals)
-            currentArrivals->cancel();
+        result.cancelled = true;
+        for (const std::function<void()>& hook : cancelHooks)
+            hook();
     }
-    presence.cancel();
     wake.notify_all();
 }
 
@@ -78,98 +107,178 @@ bool BenchmarkRun::pause(std::chrono::milliseconds duration)
     return !wake.wait_for(lock, duration, [this] { return cancelled.load(); });
 }
 
-void BenchmarkRun::run()
+void BenchmarkRun::measureWithReaders(const BenchmarkTarget& target)
 {
-    result.idleSeconds = options.idleSeconds;
+    ReaderPresenceWatch presence;
+    const CancelHook hook(*this, [&presence] { presence.cancel(); });
     if (!presence.open()) {
         result.error = "cannot watch the reader: " + presence.lastError();
         return;
     }
-    measureIdle();
+    if (options.idleSeconds > 0) {
+        progress("idle: measuring the service's CPU time for " + std::to_string(options.idleSeconds) + " s");
+        result.idleWithReaders = measureIdle(target.servicePid);
+    }
+    result.baselineResidentKiB = ProcessStats::residentKiB(target.servicePid);
 
-    std::set<int> sizes(options.clients.begin(), options.clients.end());
+    const std::set<int> sizes(options.clients.begin(), options.clients.end());
     for (int clients : sizes) {
         if (cancelled)
             break;
         // The one-client round is also the latency round, with the most taps.
-        RoundResult round = runRound(clients, clients == 1 ? options.taps : options.fanOutTaps);
-        const bool failed = !round.error.empty();
-        result.rounds.push_back(std::move(round));
-        if (failed)
-            break;
+        // A round that failed leaves the next one its own clients and a chance.
+        result.rounds.push_back(runRound(target, presence, clients, clients == 1 ? options.taps : options.fanOutTaps));
     }
-    result.cancelled = cancelled;
 }
 
-void BenchmarkRun::measureIdle()
+void BenchmarkRun::measureIdleWithoutReader(const BenchmarkTarget& target)
 {
-    if (options.idleSeconds <= 0)
+    if (!pause(settleTime))
         return;
-    progress("idle: measuring the service's CPU time for " + std::to_string(options.idleSeconds) + " s");
-    const std::optional<double> before = ProcessStats::cpuSeconds(target.servicePid);
+    progress("idle, no reader: measuring the service's CPU time for " + std::to_string(options.idleSeconds) + " s");
+    result.idleWithoutReader = measureIdle(target.servicePid);
+}
+
+IdleResult BenchmarkRun::measureIdle(qint64 pid)
+{
+    IdleResult idle;
+    const std::optional<double> before = ProcessStats::cpuSeconds(pid);
     const auto start = Clock::now();
     if (!pause(std::chrono::seconds(options.idleSeconds)))
-        return;
-    const std::optional<double> after = ProcessStats::cpuSeconds(target.servicePid);
+        return idle;
+    const std::optional<double> after = ProcessStats::cpuSeconds(pid);
     const double wall = std::chrono::duration<double>(Clock::now() - start).count();
     if (before && after && wall > 0)
-        result.idleCpuPercent = (*after - *before) / wall * 100.0;
-    result.idleResidentKiB = ProcessStats::residentKiB(target.servicePid);
+        idle.cpuPercent = (*after - *before) / wall * 100.0;
+    idle.residentKiB = ProcessStats::residentKiB(pid);
+    if (!idle.cpuPercent)
+        idle.error = "the service's /proc entries are gone: did it end?";
+    return idle;
 }
 
-RoundResult BenchmarkRun::runRound(int clients, int taps)
+bool BenchmarkRun::connectClients(WssClientGroup& group, TagArrivals& arrivals, quint16 port, int clients,
+                                  std::string* error)
+{
+    if (!group.connect(port, clients, std::chrono::seconds(60 + clients / 10))) {
+        *error = "connecting " + std::to_string(clients) + " clients: " + group.lastError();
+        return false;
+    }
+    if (!arrivals.waitForGreetings(greetingTimeout)) {
+        *error = cancelled ? "cancelled" : "not every client was greeted";
+        return false;
+    }
+    return true;
+}
+
+RoundResult BenchmarkRun::runRound(const BenchmarkTarget& target, ReaderPresenceWatch& presence, int clients, int taps)
 {
     RoundResult round;
     round.clients = clients;
     progress(std::to_string(clients) + " client(s): connecting");
 
     TagArrivals arrivals(clients);
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        currentArrivals = &arrivals;
-        if (cancelled)
-            arrivals.cancel();
-    }
-    {
-        WssClientGroup group([&arrivals](int connection, const std::string& text, Clock::time_point arrival) {
-            arrivals.onMessage(connection, text, arrival);
-        });
-        const auto connectStart = Clock::now();
-        if (!group.connect(target.servicePort, clients, std::chrono::seconds(60 + clients / 10))) {
-            round.error = "connecting " + std::to_string(clients) + " clients: " + group.lastError();
-        } else if (!arrivals.waitForGreetings(60s)) {
-            round.error = cancelled ? "cancelled" : "not every client was greeted";
-        } else {
-            round.connectSeconds = std::chrono::duration<double>(Clock::now() - connectStart).count();
-            round.residentKiB = ProcessStats::residentKiB(target.servicePid).value_or(0);
-            progress(std::to_string(clients) + " client(s): " + std::to_string(taps) + " taps");
-            for (int i = 0; i < taps && !cancelled && round.error.empty(); ++i) {
-                const std::optional<TapTimes> times = tap(arrivals, &round.error);
-                if (!times)
-                    break;
-                round.detection.push_back(times->detection);
-                round.firstClient.push_back(times->firstClient);
-                round.lastClient.push_back(times->lastClient);
-                round.serviceShare.push_back(times->lastClient - times->detection);
-            }
-            if (cancelled && round.error.empty())
-                round.error = "cancelled";
-            group.closeAll(30s);
+    const CancelHook hook(*this, [&arrivals] { arrivals.cancel(); });
+    WssClientGroup group(recordIn(arrivals));
+    const auto connectStart = Clock::now();
+    if (!connectClients(group, arrivals, target.servicePort, clients, &round.error))
+        return round;
+    round.connectSeconds = std::chrono::duration<double>(Clock::now() - connectStart).count();
+    round.residentKiB = ProcessStats::residentKiB(target.servicePid).value_or(0);
+
+    progress(std::to_string(clients) + " client(s): " + std::to_string(taps) + " taps");
+    // Right after a removal the reader's poll cycle is at a known phase; a person's tap is not.
+    std::mt19937 random(std::random_device{}());
+    std::uniform_int_distribution<int> phase(0, static_cast<int>(readerPollInterval.count()) - 1);
+    for (int i = 0; i < taps && round.error.empty(); ++i) {
+        if (!pause(std::chrono::milliseconds(phase(random))))
+            break;
+        const std::optional<Tap> times = tap(target, presence, arrivals, messageTimeout, &round.error);
+        if (!times)
+            break;
+        if (!times->spread) {
+            round.error = "not every client had the TAG in time";
+            break;
         }
+        round.detection.push_back(msBetween(times->laid, times->seen));
+        round.firstClient.push_back(msBetween(times->laid, times->spread->first));
+        round.lastClient.push_back(msBetween(times->laid, times->spread->last));
+        round.serviceShare.push_back(msBetween(times->seen, times->spread->last));
+        round.firstToLast.push_back(msBetween(times->spread->first, times->spread->last));
     }
-    std::lock_guard<std::mutex> lock(mutex);
-    currentArrivals = nullptr;
+    if (cancelled && round.error.empty())
+        round.error = "cancelled";
+    group.closeAll(30s);
     return round;
 }
 
-std::optional<BenchmarkRun::TapTimes> BenchmarkRun::tap(TagArrivals& arrivals, std::string* error)
+void BenchmarkRun::measureRestarts(const BenchmarkTarget& target, TestSupport::PrivatePcscd& pcscd)
 {
-    // Right after a removal the reader's poll cycle is at a known phase; a person's tap is not.
-    static std::mt19937 random(std::random_device{}());
-    std::uniform_int_distribution<int> phase(0, static_cast<int>(readerPollInterval.count()) - 1);
-    if (!pause(std::chrono::milliseconds(phase(random))))
-        return std::nullopt;
+    RestartResult& restarts = result.restarts;
+    restarts.clients = restartClients;
+    TagArrivals arrivals(restartClients);
+    const CancelHook hook(*this, [&arrivals] { arrivals.cancel(); });
+    WssClientGroup group(recordIn(arrivals));
+    if (!connectClients(group, arrivals, target.servicePort, restartClients, &restarts.error))
+        return;
+    restarts.threadsBefore = ProcessStats::threadCount(target.servicePid);
+    restarts.descriptorsBefore = ProcessStats::descriptorCount(target.servicePid);
 
+    for (int cycle = 1; cycle <= options.restartCycles && !cancelled; ++cycle) {
+        const std::string name = "pcscd restart " + std::to_string(cycle) + " of " + std::to_string(options.restartCycles);
+        // pcscd dies while the service waits for cards, where it spends its time; not in the
+        // middle of the previous tap.
+        if (!pause(settleTime))
+            break;
+        onMainThread([&pcscd] { pcscd.kill(); });
+        if (!pause(pcscdDownTime))
+            break;
+        QString failure;
+        onMainThread([&pcscd, &failure] {
+            if (!pcscd.restart())
+                failure = pcscd.lastError();
+        });
+        if (!failure.isEmpty()) {
+            restarts.error = "pcscd did not come back: " + failure.toStdString();
+            break;
+        }
+        const auto back = Clock::now();
+        if (!pause(tapAfterReturn))
+            break;
+        // A PC/SC context does not outlive its daemon.
+        ReaderPresenceWatch presence;
+        const CancelHook presenceHook(*this, [&presence] { presence.cancel(); });
+        if (!presence.open()) {
+            restarts.error = "cannot watch the reader after " + name + ": " + presence.lastError();
+            break;
+        }
+        std::string error;
+        const std::optional<Tap> times = tap(target, presence, arrivals, restartDeadline, &error);
+        if (!times) {
+            if (!cancelled)
+                restarts.error = name + ": " + error;
+            break;
+        }
+        RestartCycle done{msBetween(back, times->seen), std::nullopt};
+        if (times->spread)
+            done.tag = msBetween(back, times->spread->last);
+        restarts.cycles.push_back(done);
+        char figure[32];
+        std::snprintf(figure, sizeof figure, "%.2f s", (done.tag ? *done.tag : 0) / 1000.0);
+        progress(name + (done.tag ? ": every client had the TAG " + std::string(figure) + " after pcscd was back"
+                                  : ": the TAG did not reach every client"));
+    }
+    // Threads that end at recovery get a moment to do so.
+    if (pause(settleTime)) {
+        restarts.threadsAfter = ProcessStats::threadCount(target.servicePid);
+        restarts.descriptorsAfter = ProcessStats::descriptorCount(target.servicePid);
+    }
+    group.closeAll(30s);
+}
+
+std::optional<BenchmarkRun::Tap> BenchmarkRun::tap(const BenchmarkTarget& target, ReaderPresenceWatch& presence,
+                                                   TagArrivals& arrivals, std::chrono::milliseconds messageTimeout,
+                                                   std::string* error)
+{
     const uint32_t number = 0xb0000000u + static_cast<uint32_t>(++tapCount);
     const VirtualCards::Bytes uid = {static_cast<uint8_t>(number >> 24), static_cast<uint8_t>(number >> 16),
                                      static_cast<uint8_t>(number >> 8), static_cast<uint8_t>(number)};
@@ -179,100 +288,23 @@ std::optional<BenchmarkRun::TapTimes> BenchmarkRun::tap(TagArrivals& arrivals, s
 
     const std::string reader = target.readerName.toStdString();
     VirtualCards::VirtualCard card(VirtualCards::CardPersonality::rfidTag(uid));
-    const auto laid = Clock::now();
+    Tap result;
+    result.laid = Clock::now();
     if (!card.layOn(target.vpcdPort)) {
         *error = "laying a card: " + card.lastError();
         return std::nullopt;
     }
     const auto seen = presence.waitFor(reader, true, presenceTimeout);
-    const auto spread = arrivals.waitForAll(messageTimeout);
+    result.spread = arrivals.waitForAll(messageTimeout);
     card.takeAway();
     const auto gone = presence.waitFor(reader, false, presenceTimeout);
     if (cancelled)
         return std::nullopt;
     if (!seen || !gone) {
-        *error = "PC/SC: " + presence.lastError();
+        *error = std::string(seen ? "PC/SC did not see the card go: " : "PC/SC did not see the card: ")
+                 + presence.lastError();
         return std::nullopt;
     }
-    if (!spread) {
-        *error = std::string("not every client had the TAG for ") + idText + " in time";
-        return std::nullopt;
-    }
-    return TapTimes{msBetween(laid, *seen), msBetween(laid, spread->first), msBetween(laid, spread->last)};
-}
-
-bool BenchmarkReport::complete() const
-{
-    if (!error.empty() || cancelled)
-        return false;
-    for (const RoundResult& round : rounds) {
-        if (!round.error.empty())
-            return false;
-    }
-    return true;
-}
-
-void BenchmarkReport::print(std::ostream& out) const
-{
-    const int labelWidth = 44;
-    const auto row = [&](const std::string& label, const LatencySummary& s) {
-        out << "  " << std::left << std::setw(labelWidth) << label << std::right << std::setw(11)
-            << milliseconds(s.p50) << std::setw(11) << milliseconds(s.p95) << std::setw(11) << milliseconds(s.max)
-            << "\n";
-    };
-
-    const RoundResult* single = nullptr;
-    for (const RoundResult& round : rounds) {
-        if (round.clients == 1)
-            single = &round;
-    }
-    if (single && !single->detection.empty()) {
-        out << std::left << std::setw(labelWidth + 2)
-            << "Tap to message: " + std::to_string(single->detection.size()) + " taps, 1 client" << std::right
-            << std::setw(11) << "p50" << std::setw(11) << "p95" << std::setw(11) << "max" << "\n";
-        row("a plain PC/SC client sees the card", LatencySummary::of(single->detection));
-        row("the service's client has the TAG", LatencySummary::of(single->lastClient));
-        row("difference: the service's own time", LatencySummary::of(single->serviceShare));
-        out << "\n";
-    }
-
-    if (idleCpuPercent || idleResidentKiB) {
-        out << "Idle: " << idleSeconds << " s, both readers attached, no card, no client\n";
-        if (idleCpuPercent) {
-            std::ostringstream cpu;
-            cpu << std::fixed << std::setprecision(2) << *idleCpuPercent << " % of one core";
-            out << "  " << std::left << std::setw(labelWidth) << "CPU (utime + stime)" << cpu.str() << "\n";
-        }
-        if (idleResidentKiB)
-            out << "  " << std::left << std::setw(labelWidth) << "resident memory (VmRSS)" << mib(*idleResidentKiB)
-                << "\n";
-        out << std::right << "\n";
-    }
-
-    if (!rounds.empty()) {
-        out << "Fan-out: from the tap until the last client has the TAG\n"
-            << std::string(36, ' ') << "tap to last client    PC/SC to last client\n"
-            << "  clients  taps  connect     VmRSS        p50        max         p50        max\n";
-        for (const RoundResult& round : rounds) {
-            out << std::right << std::setw(9) << round.clients << std::setw(6) << round.lastClient.size();
-            if (round.lastClient.empty()) {
-                out << "  " << (round.error.empty() ? "no taps" : round.error) << "\n";
-                continue;
-            }
-            const LatencySummary last = LatencySummary::of(round.lastClient);
-            const LatencySummary share = LatencySummary::of(round.serviceShare);
-            std::ostringstream connect;
-            connect << std::fixed << std::setprecision(2) << round.connectSeconds << " s";
-            out << std::setw(9) << connect.str() << std::setw(10) << mib(round.residentKiB) << std::setw(11)
-                << milliseconds(last.p50) << std::setw(11) << milliseconds(last.max) << std::setw(12)
-                << milliseconds(share.p50) << std::setw(11) << milliseconds(share.max) << "\n";
-            if (!round.error.empty())
-                out << "           stopped early: " << round.error << "\n";
-        }
-        out << "  (connect: until every client is greeted; VmRSS: the service's, with the clients connected)\n";
-    }
-    if (!error.empty())
-        out << "Error: " << error << "\n";
-    if (cancelled)
-        out << "(cancelled: the figures above are what was measured until then)\n";
+    result.seen = *seen;
+    return result;
 }

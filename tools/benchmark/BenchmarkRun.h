@@ -1,104 +1,90 @@
 #pragma once
 
+#include "BenchmarkReport.h"
+#include "BenchmarkTarget.h"
 #include "TagArrivals.h"
-
-#include "ReaderPresenceWatch.h"
-
-#include <QString>
-#include <QThread>
 
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <iosfwd>
+#include <functional>
+#include <list>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
+class ReaderPresenceWatch;
+class WssClientGroup;
+namespace TestSupport {
+class PrivatePcscd;
+}
+
 struct BenchmarkOptions
 {
     int taps = 50;         // with one client
-    int idleSeconds = 30;
-    std::vector<int> clients = {1, 100, 1000};
+    int idleSeconds = 30;  // with both readers, and again with none
+    std::vector<int> clients = {1, 100, 1000, 10000};
     int fanOutTaps = 10;   // for each number of clients but one
+    int restartCycles = 20;
 };
 
-// Where the service under test runs.
-struct BenchmarkTarget
+// The measurements, stage by stage, into one report. Each stage blocks: run it on a thread of
+// its own while the thread that owns the service's process drains the service's output.
+// cancel() may come from any thread; it ends the current stage soon and skips the others.
+class BenchmarkRun
 {
-    qint64 servicePid = 0;
-    quint16 servicePort = 0;
-    quint16 vpcdPort = 0;
-    QString readerName;
-};
-
-// All times in milliseconds from the moment the card connected to the virtual reader.
-struct RoundResult
-{
-    int clients = 0;
-    double connectSeconds = 0;
-    long residentKiB = 0;
-    std::vector<double> detection;  // a plain PC/SC client sees the card
-    std::vector<double> firstClient;
-    std::vector<double> lastClient;
-    std::vector<double> serviceShare; // from detection to the last client
-    std::string error;
-};
-
-struct BenchmarkReport
-{
-    int idleSeconds = 0;
-    std::optional<double> idleCpuPercent;
-    std::optional<long> idleResidentKiB;
-    std::vector<RoundResult> rounds;
-    std::string error;
-    bool cancelled = false;
-
-    bool complete() const;
-    void print(std::ostream& out) const;
-};
-
-// Runs the measurements on a thread of its own, so that the thread that owns the service's
-// process can keep draining the service's output meanwhile.
-class BenchmarkRun : public QThread
-{
-    Q_OBJECT
-
 public:
-    BenchmarkRun(BenchmarkOptions options, BenchmarkTarget target);
-    ~BenchmarkRun() override;
+    explicit BenchmarkRun(BenchmarkOptions options);
 
-    // From any thread: the run ends soon with what it has.
+    // Taps with one client, the idle service, then the fan-out to each number of clients.
+    void measureWithReaders(const BenchmarkTarget& target);
+    void measureIdleWithoutReader(const BenchmarkTarget& target);
+    // Kills and restarts `pcscd` on the application's main thread, which must be running its
+    // event loop: the daemon dies with the thread that started it.
+    void measureRestarts(const BenchmarkTarget& target, TestSupport::PrivatePcscd& pcscd);
+
     void cancel();
-    // Read it once the thread has finished.
-    const BenchmarkReport& report() const { return result; }
-
-protected:
-    void run() override;
+    bool isCancelled() const { return cancelled; }
+    // Between stages only.
+    BenchmarkReport& report() { return result; }
 
 private:
-    struct TapTimes
+    struct Tap
     {
-        double detection;
-        double firstClient;
-        double lastClient;
+        TagArrivals::Clock::time_point laid;
+        TagArrivals::Clock::time_point seen;
+        std::optional<TagArrivals::Spread> spread; // none: not every client had the TAG in time
     };
 
-    void measureIdle();
-    RoundResult runRound(int clients, int taps);
-    std::optional<TapTimes> tap(TagArrivals& arrivals, std::string* error);
+    // Lets cancel() reach what a stage waits on, while the hook lives.
+    class CancelHook
+    {
+    public:
+        CancelHook(BenchmarkRun& run, std::function<void()> cancel);
+        ~CancelHook();
+
+    private:
+        BenchmarkRun& run;
+        std::list<std::function<void()>>::iterator at;
+    };
+
+    IdleResult measureIdle(qint64 pid);
+    RoundResult runRound(const BenchmarkTarget& target, ReaderPresenceWatch& presence, int clients, int taps);
+    bool connectClients(WssClientGroup& group, TagArrivals& arrivals, quint16 port, int clients, std::string* error);
+    // Lays a fresh tag and takes it away once every client has its TAG or `messageTimeout`
+    // has passed. Nothing when PC/SC did not see it come and go, or when cancelled.
+    std::optional<Tap> tap(const BenchmarkTarget& target, ReaderPresenceWatch& presence, TagArrivals& arrivals,
+                           std::chrono::milliseconds messageTimeout, std::string* error);
     // Waits unless cancelled; false when cancelled.
     bool pause(std::chrono::milliseconds duration);
 
     const BenchmarkOptions options;
-    const BenchmarkTarget target;
     BenchmarkReport result;
-    ReaderPresenceWatch presence;
     int tapCount = 0;
 
     std::mutex mutex;
     std::condition_variable wake;
     std::atomic<bool> cancelled{false};
-    TagArrivals* currentArrivals = nullptr; // guarded by mutex
+    std::list<std::function<void()>> cancelHooks; // guarded by mutex
 };

@@ -2,10 +2,30 @@
 
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
 namespace ProcessStats {
+
+namespace {
+
+std::optional<int> entriesOf(const std::string& directory)
+{
+    std::error_code error;
+    std::filesystem::directory_iterator entry(directory, error);
+    if (error)
+        return std::nullopt;
+    int count = 0;
+    for (; entry != std::filesystem::directory_iterator(); entry.increment(error)) {
+        if (error)
+            return std::nullopt;
+        ++count;
+    }
+    return count;
+}
+
+} // namespace
 
 std::optional<unsigned long long> cpuTicksFromStat(const std::string& stat)
 {
@@ -54,6 +74,16 @@ std::optional<long> residentKiB(long long pid)
         }
     }
     return std::nullopt;
+}
+
+std::optional<int> threadCount(long long pid)
+{
+    return entriesOf("/proc/" + std::to_string(pid) + "/task");
+}
+
+std::optional<int> descriptorCount(long long pid)
+{
+    return entriesOf("/proc/" + std::to_string(pid) + "/fd");
 }
 
 } // namespace ProcessStats

@@ -12,5 +12,8 @@ std::optional<unsigned long long> cpuTicksFromStat(const std::string& stat);
 std::optional<double> cpuSeconds(long long pid);
 // Resident memory (VmRSS), in KiB.
 std::optional<long> residentKiB(long long pid);
+// Entries of /proc/<pid>/task and /proc/<pid>/fd: what a leak of threads or descriptors shows in.
+std::optional<int> threadCount(long long pid);
+std::optional<int> descriptorCount(long long pid);
 
 } // namespace ProcessStats

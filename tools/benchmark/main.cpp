@@ -1,20 +1,27 @@
-// tiv-benchmark: how fast cards reach clients, what the idle service costs, and how the
-// service copes with many clients, all on a private PC/SC stack with virtual readers.
+// tiv-benchmark: how fast cards reach clients, what the idle service costs, how the service
+// copes with many clients and with pcscd restarting, all on a private PC/SC stack with
+// virtual readers.
 
 #include "BenchmarkRun.h"
+#include "OwnPcscdStack.h"
 #include "ServiceStack.h"
 #include "UnixSignalWatcher.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
+#include <QEventLoop>
 #include <QFile>
+#include <QThread>
 
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
+#include <functional>
 #include <iostream>
+#include <memory>
+#include <vector>
 
 #ifndef TIV_BUILD_TYPE
 #define TIV_BUILD_TYPE "unknown"
@@ -59,6 +66,26 @@ QString firstLine(const QString& path)
     return QString::fromLatin1(file.readLine()).trimmed();
 }
 
+const int startTimeoutMs = 60000;
+const int logTailLines = 25;
+
+// Why taps went missing is in the service's log, which goes with the stage.
+void showLogTail(const QString& tail)
+{
+    std::cerr << "tiv-benchmark: the service's log ends with:\n" << tail.toStdString() << std::endl;
+}
+
+// The event loop drains the service's output while `stage` measures on a thread of its own.
+void runStage(const std::function<void()>& stage)
+{
+    std::unique_ptr<QThread> thread(QThread::create(stage));
+    QEventLoop loop;
+    QObject::connect(thread.get(), &QThread::finished, &loop, &QEventLoop::quit);
+    thread->start();
+    loop.exec();
+    thread->wait();
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -70,27 +97,33 @@ int main(int argc, char** argv)
     parser.setApplicationDescription(QStringLiteral(
         "Measures the service on a private PC/SC daemon with virtual readers: the time from a card\n"
         "tap to the client's TAG message beside the PC/SC stack's own detection time, the idle\n"
-        "service's CPU and memory, and the time until the last of many clients has a TAG."));
+        "service's CPU and memory with readers and with none, the time until the first and the last\n"
+        "of many clients has a TAG, and the tap after pcscd is killed and started again."));
     parser.addHelpOption();
     const QCommandLineOption tapsOption(QStringLiteral("taps"), QStringLiteral("Taps with one client (default 50)."),
                                         QStringLiteral("n"));
-    const QCommandLineOption idleOption(QStringLiteral("idle-seconds"),
-                                        QStringLiteral("How long to measure the idle service (default 30; 0 skips)."),
-                                        QStringLiteral("s"));
-    const QCommandLineOption clientsOption(QStringLiteral("clients"),
-                                           QStringLiteral("Numbers of clients for the fan-out (default 1,100,1000)."),
-                                           QStringLiteral("list"));
+    const QCommandLineOption idleOption(
+        QStringLiteral("idle-seconds"),
+        QStringLiteral("How long to measure the idle service, with readers and with none (default 30; 0 skips)."),
+        QStringLiteral("s"));
+    const QCommandLineOption clientsOption(
+        QStringLiteral("clients"), QStringLiteral("Numbers of clients for the fan-out (default 1,100,1000,10000)."),
+        QStringLiteral("list"));
     const QCommandLineOption fanOutTapsOption(QStringLiteral("fan-out-taps"),
                                               QStringLiteral("Taps for each number of clients but 1 (default 10)."),
                                               QStringLiteral("n"));
-    const QCommandLineOption quickOption(QStringLiteral("quick"),
-                                         QStringLiteral("A short run: 10 taps, 5 s idle, 1 and 100 clients, 3 taps each."));
-    parser.addOptions({tapsOption, idleOption, clientsOption, fanOutTapsOption, quickOption});
+    const QCommandLineOption restartOption(QStringLiteral("restart-cycles"),
+                                           QStringLiteral("Times pcscd is killed and started again (default 20; 0 skips)."),
+                                           QStringLiteral("n"));
+    const QCommandLineOption quickOption(
+        QStringLiteral("quick"),
+        QStringLiteral("A short run: 10 taps, 5 s idle, 1 and 100 clients, 3 taps each, 2 pcscd restarts."));
+    parser.addOptions({tapsOption, idleOption, clientsOption, fanOutTapsOption, restartOption, quickOption});
     parser.process(app);
 
     BenchmarkOptions options;
     if (parser.isSet(quickOption))
-        options = BenchmarkOptions{10, 5, {1, 100}, 3};
+        options = BenchmarkOptions{10, 5, {1, 100}, 3, 2};
     bool valid = true;
     if (parser.isSet(tapsOption))
         valid = valid && parseCount(parser.value(tapsOption), 1, &options.taps);
@@ -98,6 +131,8 @@ int main(int argc, char** argv)
         valid = valid && parseCount(parser.value(idleOption), 0, &options.idleSeconds);
     if (parser.isSet(fanOutTapsOption))
         valid = valid && parseCount(parser.value(fanOutTapsOption), 1, &options.fanOutTaps);
+    if (parser.isSet(restartOption))
+        valid = valid && parseCount(parser.value(restartOption), 0, &options.restartCycles);
     if (parser.isSet(clientsOption)) {
         options.clients.clear();
         for (const QString& item : parser.value(clientsOption).split(QLatin1Char(','))) {
@@ -116,32 +151,59 @@ int main(int argc, char** argv)
 
     raiseDescriptorLimit(*std::max_element(options.clients.begin(), options.clients.end()));
     UnixSignalWatcher signalWatcher({SIGINT, SIGTERM, SIGHUP});
+    BenchmarkRun run(options);
+    QObject::connect(&signalWatcher, &UnixSignalWatcher::received, &app, [&run] { run.cancel(); });
+    const auto cancelled = [&run] { return UnixSignalWatcher::anyReceived() || run.isCancelled(); };
 
     std::cerr << "tiv-benchmark: starting a private PC/SC daemon with virtual readers, and the service" << std::endl;
-    ServiceStack stack;
-    const ServiceStack::StartResult started = stack.start(0, 60000, &UnixSignalWatcher::anyReceived);
-    if (started != ServiceStack::StartResult::Started) {
-        if (started != ServiceStack::StartResult::Cancelled)
-            std::cerr << "tiv-benchmark: " << stack.lastError().toStdString() << std::endl;
-        return 1;
-    }
     const QString loadAtStart = firstLine(QStringLiteral("/proc/loadavg"));
+    {
+        ServiceStack stack;
+        const ServiceStack::StartResult started = stack.start(0, startTimeoutMs, cancelled);
+        if (started != ServiceStack::StartResult::Started) {
+            if (started != ServiceStack::StartResult::Cancelled)
+                std::cerr << "tiv-benchmark: " << stack.lastError().toStdString() << std::endl;
+            return 1;
+        }
+        const BenchmarkTarget target{stack.servicePid(), stack.port(), stack.vpcdPort(0), stack.readerName(0)};
+        runStage([&] { run.measureWithReaders(target); });
+        const std::vector<RoundResult>& rounds = run.report().rounds;
+        if (std::any_of(rounds.begin(), rounds.end(), [](const RoundResult& r) { return !r.error.empty(); }))
+            showLogTail(stack.appLogTail(logTailLines));
+    }
 
-    BenchmarkRun run(options, BenchmarkTarget{stack.servicePid(), stack.port(), stack.vpcdPort(0), stack.readerName(0)});
-    QObject::connect(&signalWatcher, &UnixSignalWatcher::received, &app, [&run] { run.cancel(); });
-    QObject::connect(&run, &QThread::finished, &app, &QCoreApplication::quit);
-    run.start();
-    if (UnixSignalWatcher::anyReceived())
-        run.cancel();
-    // The event loop drains the service's output while the run measures.
-    app.exec();
-    run.wait();
-    stack.stop();
+    // A private daemon is one per process at a time: each stage below brings its own.
+    if (options.idleSeconds > 0 && !cancelled()) {
+        std::cerr << "tiv-benchmark: a private PC/SC daemon with no reader, and the service" << std::endl;
+        OwnPcscdStack bare(false);
+        if (bare.start(startTimeoutMs, cancelled)) {
+            const BenchmarkTarget target = bare.target();
+            runStage([&] { run.measureIdleWithoutReader(target); });
+        } else {
+            run.report().idleWithoutReader.error = bare.lastError().toStdString();
+        }
+    }
+    if (options.restartCycles > 0 && !cancelled()) {
+        std::cerr << "tiv-benchmark: a private PC/SC daemon to kill and restart, and the service" << std::endl;
+        OwnPcscdStack restarting(true);
+        if (restarting.start(startTimeoutMs, cancelled)) {
+            const BenchmarkTarget target = restarting.target();
+            runStage([&] { run.measureRestarts(target, restarting.pcscd()); });
+            const RestartResult& restarts = run.report().restarts;
+            if (!restarts.error.empty() || std::any_of(restarts.cycles.begin(), restarts.cycles.end(),
+                                                       [](const RestartCycle& c) { return !c.tag; }))
+                showLogTail(restarting.appLogTail(logTailLines));
+        } else {
+            run.report().restarts.error = restarting.lastError().toStdString();
+        }
+    }
 
     std::cout << "\nThe service (" << TIV_BUILD_TYPE << " build) on a private pcscd with virtual readers, which it\n"
               << "polls every 400 ms; each tap comes at a random moment of that cycle.\n"
               << ::sysconf(_SC_NPROCESSORS_ONLN) << " CPUs, load average at start: "
-              << loadAtStart.section(QLatin1Char(' '), 0, 2).toStdString() << "\n\n";
+              << loadAtStart.section(QLatin1Char(' '), 0, 2).toStdString()
+              << ", at the end: " << firstLine(QStringLiteral("/proc/loadavg")).section(QLatin1Char(' '), 0, 2).toStdString()
+              << "\n\n";
     run.report().print(std::cout);
     return run.report().complete() ? 0 : 1;
 }

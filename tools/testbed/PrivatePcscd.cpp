@@ -179,11 +179,12 @@ bool PrivatePcscd::start()
             error = QStringLiteral("cannot write ") + config.fileName();
             return false;
         }
-        config.write(QStringLiteral("FRIENDLYNAME \"%1\"\nDEVICENAME /dev/null:%2\nLIBPATH %3\n")
-                         .arg(QLatin1String(readerFriendlyName))
-                         .arg(firstPort)
-                         .arg(driver)
-                         .toUtf8());
+        if (!withoutReaders)
+            config.write(QStringLiteral("FRIENDLYNAME \"%1\"\nDEVICENAME /dev/null:%2\nLIBPATH %3\n")
+                             .arg(QLatin1String(readerFriendlyName))
+                             .arg(firstPort)
+                             .arg(driver)
+                             .toUtf8());
         config.close();
 
         if (launch() && waitUntilReady())
@@ -313,7 +314,7 @@ bool PrivatePcscd::waitUntilReady()
             return false;
         }
         if (socketAccepts(socketPath())) {
-            if (daemonListensOn(vpcdPort(0)) && daemonListensOn(vpcdPort(1)))
+            if (withoutReaders || (daemonListensOn(vpcdPort(0)) && daemonListensOn(vpcdPort(1))))
                 return true;
             // The readers are set up before the socket opens; if they do not follow
             // shortly, the driver could not bind its ports.

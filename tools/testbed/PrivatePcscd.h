@@ -48,6 +48,8 @@ public:
     QString output() const;
     // Makes the next start or restart log at debug level (call before start()).
     void setDebugOutput(bool on) { debugOutput = on; }
+    // Makes start() bring the daemon up with no reader at all (call before start()).
+    void setWithoutReaders(bool on) { withoutReaders = on; }
 
 private:
     bool launch();
@@ -61,6 +63,7 @@ private:
     quint16 firstPort = 0;
     QString error;
     bool debugOutput = false;
+    bool withoutReaders = false;
 };
 
 } // namespace TestSupport

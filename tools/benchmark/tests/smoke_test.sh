@@ -4,13 +4,20 @@ set -euo pipefail
 out="$(mktemp)"
 trap 'rm -f "$out"' EXIT
 status=0
-"$1" --taps 3 --idle-seconds 1 --clients 1,5 --fan-out-taps 2 >"$out" 2>&1 || status=$?
+"$1" --taps 3 --idle-seconds 1 --clients 1,5 --fan-out-taps 2 --restart-cycles 1 >"$out" 2>&1 || status=$?
 cat "$out"
 [ "$status" -eq 0 ] || { echo "FAIL: exit status $status"; exit 1; }
 for expected in 'Tap to message: 3 taps, 1 client' 'a plain PC/SC client sees the card' \
-  'CPU (utime + stime)' 'resident memory (VmRSS)' 'Fan-out: from the tap until the last client has the TAG'; do
+  'CPU (utime + stime)' 'both readers attached' 'pcscd up with no reader attached' \
+  'Fan-out: from the tap until the last client has the TAG' 'first to last client' \
+  'pcscd killed and started again: 1 of 1 cycles' 'Against the goals'; do
   grep -qF -- "$expected" "$out" || { echo "FAIL: missing '$expected'"; exit 1; }
 done
 # One row per number of clients, each with its two taps.
 grep -Eq '^ +5 +2 +[0-9.]+ s' "$out" || { echo "FAIL: no row for 5 clients"; exit 1; }
+# Both idle figures were measured, and the service's threads and descriptors were counted.
+[ "$(grep -Ec '^  (both readers|pcscd up with no reader).* % of a core' "$out")" -eq 2 ] \
+  || { echo "FAIL: an idle CPU figure is missing"; exit 1; }
+grep -Eq 'service threads, before -> after +[0-9]+ -> [0-9]+' "$out" || { echo "FAIL: no thread counts"; exit 1; }
+grep -Eq 'service descriptors, before -> after +[0-9]+ -> [0-9]+' "$out" || { echo "FAIL: no descriptor counts"; exit 1; }
 echo PASS

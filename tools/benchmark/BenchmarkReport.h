@@ -1,0 +1,63 @@
+#pragma once
+
+#include <iosfwd>
+#include <optional>
+#include <string>
+#include <vector>
+
+// All times in milliseconds from the moment the card connected to the virtual reader.
+struct RoundResult
+{
+    int clients = 0;
+    double connectSeconds = 0; // until every client is open and greeted
+    long residentKiB = 0;      // the service's, with the clients connected
+    std::vector<double> detection; // a plain PC/SC client sees the card
+    std::vector<double> firstClient;
+    std::vector<double> lastClient;
+    std::vector<double> serviceShare; // from detection to the last client
+    std::vector<double> firstToLast;
+    std::string error;
+};
+
+struct IdleResult
+{
+    std::optional<double> cpuPercent;
+    std::optional<long> residentKiB;
+    std::string error;
+};
+
+// Times in milliseconds from the moment the restarted pcscd accepted clients again.
+struct RestartCycle
+{
+    double seen = 0;           // a plain PC/SC client sees the tap
+    std::optional<double> tag; // every client has the TAG; none within the deadline
+};
+
+struct RestartResult
+{
+    int clients = 0;
+    std::vector<RestartCycle> cycles;
+    std::optional<int> threadsBefore, threadsAfter, descriptorsBefore, descriptorsAfter;
+    std::string error;
+};
+
+struct BenchmarkReport
+{
+    int idleSeconds = 0;
+    int restartCycles = 0;
+    int restartDeadlineSeconds = 0;
+    IdleResult idleWithReaders;
+    IdleResult idleWithoutReader;
+    // The service's VmRSS before its first client: what each round's clients add to.
+    std::optional<long> baselineResidentKiB;
+    std::vector<RoundResult> rounds;
+    RestartResult restarts;
+    std::string error;
+    bool cancelled = false;
+
+    // Every stage that was asked for ran to its end. A tap lost after a restart is a
+    // finding, not a failure of the run.
+    bool complete() const;
+    std::optional<double> residentKiBPerClient(const RoundResult& round) const;
+    void print(std::ostream& out) const;
+};
