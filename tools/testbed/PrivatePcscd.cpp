@@ -162,7 +162,7 @@ bool PrivatePcscd::start()
 
     const QString driver = vpcdDriver();
     if (driver.isEmpty()) {
-        error = QStringLiteral("the virtual-reader driver libifdvpcd.so is missing: run scripts/install-test-deps.sh");
+        error = QStringLiteral("the virtual-reader driver libifdvpcd.so is missing: run scripts/install-deps.sh --demo");
         return false;
     }
 
