@@ -296,10 +296,18 @@ std::optional<BenchmarkRun::Tap> BenchmarkRun::tap(const BenchmarkTarget& target
     }
     const auto seen = presence.waitFor(reader, true, presenceTimeout);
     result.spread = arrivals.waitForAll(messageTimeout);
+    // A hand stays on the reader for longer than a read: the card goes once the service has
+    // let go of it, which resets it. Pulled during that reset, pcscd would report it gone
+    // while still holding it as present, and miss the next card laid within its poll cycle.
+    const bool released = card.waitForPowerUps(2, messageTimeout);
     card.takeAway();
     const auto gone = presence.waitFor(reader, false, presenceTimeout);
     if (cancelled)
         return std::nullopt;
+    if (seen && result.spread && !released) {
+        *error = "the service did not let go of the card (no reset)";
+        return std::nullopt;
+    }
     if (!seen || !gone) {
         *error = std::string(seen ? "PC/SC did not see the card go: " : "PC/SC did not see the card: ")
                  + presence.lastError();

@@ -220,20 +220,31 @@ bool VirtualCard::handleControl(int fd, uint8_t control)
             std::lock_guard<std::mutex> lock(mutex);
             powered = true;
             atrFollowsPowerUp = true;
-            ++powerUps;
         }
         trace(control == controlPowerOn ? "power on" : "reset");
         break;
     }
     case controlGetAtr: {
+        bool powerUpDone = false;
         {
             std::lock_guard<std::mutex> lock(mutex);
             if (!atrFollowsPowerUp)
                 ++presenceChecks;
+            powerUpDone = atrFollowsPowerUp;
             atrFollowsPowerUp = false;
         }
         changed.notify_all();
-        return send(fd, personality.atr());
+        if (!send(fd, personality.atr()))
+            return false;
+        // A power-up counts once the reader has its ATR: only then has its reset succeeded.
+        if (powerUpDone) {
+            {
+                std::lock_guard<std::mutex> lock(mutex);
+                ++powerUps;
+            }
+            changed.notify_all();
+        }
+        return true;
     }
     default:
         trace("unknown control " + formatHex({control}));
