@@ -4,8 +4,9 @@
 #include <QString>
 #include <QTemporaryDir>
 
-// A fresh self-signed certificate for localhost / 127.0.0.1 with its key, as PEM files in a
-// temporary directory that is removed with the object. Each instance has a key of its own.
+// A fresh self-signed certificate for localhost / 127.0.0.1 with its key, made by the packaging
+// script as PEM files in a temporary directory that is removed with the object. Each instance
+// has a key of its own.
 class TestCertificate
 {
 public:

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "WssClientGroup.h"
+
 #include <QByteArray>
 #include <QString>
 #include <QtGlobal>
@@ -7,12 +9,13 @@
 #include <memory>
 #include <optional>
 
-// A real wss client running on an asio thread of its own; one connection per instance.
-// The server's certificate is not verified. All members may be called from any thread.
+// One wss connection of its own, on a WssClientGroup of one, with its messages queued for
+// whoever asks. The server's certificate is not verified. All members may be called from any
+// thread.
 class TestWsClient
 {
 public:
-    enum class TlsVersion { Any, V1_1, V1_2, V1_3 };
+    using TlsVersion = WssClientGroup::TlsVersion;
 
     explicit TestWsClient(TlsVersion tls = TlsVersion::Any);
     ~TestWsClient(); // closes nothing politely: stops the asio thread and drops the socket
@@ -30,12 +33,9 @@ public:
     void drop();    // vanish: shut the TCP socket down without a close frame
     bool waitClosed(int timeoutMs = 15000);
 
-    // SHA-256 of the DER certificate the server presented; empty before the connection is open.
+    // See WssClientGroup.
     QByteArray peerCertificateSha256() const;
-    // HTTP status of the server's handshake answer: 101 once open, e.g. 403 when refused,
-    // 0 when none arrived (a failed TLS handshake).
     int httpStatus() const;
-    // Why the connection failed or closed, as the library put it.
     QString lastError() const;
 
 private:

@@ -1,0 +1,35 @@
+#pragma once
+
+#include "SignalForwarder.h"
+
+#include <atomic>
+#include <csignal>
+#include <initializer_list>
+
+// The tools stop on signals the way the service does, through its SignalForwarder (made
+// before install()), whose stopRequested then comes on the event loop; asked() serves code
+// that runs before the loop does. Only the forwarder's stop signal is passed on: every
+// signal given here means stop.
+namespace StopSignals {
+
+inline std::atomic<bool> stopAsked{false};
+
+inline void install(std::initializer_list<int> signalNumbers)
+{
+    struct sigaction action {};
+    action.sa_handler = [](int) {
+        stopAsked = true;
+        SignalForwarder::handleSignal(SIGTERM);
+    };
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESTART;
+    for (int signalNumber : signalNumbers)
+        ::sigaction(signalNumber, &action, nullptr);
+}
+
+inline bool asked()
+{
+    return stopAsked;
+}
+
+} // namespace StopSignals
