@@ -153,7 +153,7 @@ int main(int argc, char** argv)
     StopSignals::install({SIGINT, SIGTERM, SIGHUP});
     BenchmarkRun run(options);
     QObject::connect(&forwarder, &SignalForwarder::stopRequested, &app, [&run] { run.cancel(); });
-    const auto cancelled = [&run] { return StopSignals::asked() || run.isCancelled(); };
+    const auto cancelled = [&run] { return StopSignals::stopAsked || run.isCancelled(); };
 
     std::cerr << "tiv-benchmark: starting a private PC/SC daemon with virtual readers, and the service" << std::endl;
     const QString loadAtStart = firstLine(QStringLiteral("/proc/loadavg"));

@@ -85,7 +85,7 @@ int main(int argc, char** argv)
 
     Console::plain(QStringLiteral("Starting a private PC/SC daemon with two virtual readers, and the service..."));
     ServiceStack stack;
-    switch (stack.start(static_cast<quint16>(port), startTimeoutMs, &StopSignals::asked)) {
+    switch (stack.start(static_cast<quint16>(port), startTimeoutMs, [] { return StopSignals::stopAsked.load(); })) {
     case ServiceStack::StartResult::Started:
         break;
     case ServiceStack::StartResult::PortInUse:
@@ -133,7 +133,7 @@ int main(int argc, char** argv)
     QObject::connect(&forwarder, &SignalForwarder::stopRequested, &app, [&session] { session.cancel(); });
     QObject::connect(&session, &QThread::finished, &app, &QCoreApplication::quit);
     session.start();
-    if (StopSignals::asked())
+    if (StopSignals::stopAsked)
         session.cancel();
     // The event loop also drains the service's output, which would otherwise block it.
     app.exec();

@@ -12,21 +12,20 @@ namespace {
 const size_t maxTagUidBytes = 8; // the service's reply buffer
 const size_t acosIdBytes = 8;
 
-CardCommand invalid(const std::string& problem)
-{
-    CardCommand command;
-    command.kind = CardCommand::Kind::Invalid;
-    command.problem = problem;
-    return command;
-}
+} // namespace
 
-CardCommand parseWords(const std::string& line, int readers, bool serviceReadable)
+CardCommand CardCommand::parse(const std::string& line, int readers, bool serviceReadable)
 {
-    using Kind = CardCommand::Kind;
     std::istringstream words(line);
     std::string verb;
     words >> verb;
     CardCommand command;
+    command.line = line;
+    const auto invalid = [&command](const std::string& problem) {
+        command.kind = Kind::Invalid;
+        command.problem = problem;
+        return command;
+    };
     if (verb.empty() || verb[0] == '#')
         return command;
     if (verb == "help" || verb == "?" || verb == "quit" || verb == "exit") {
@@ -64,15 +63,6 @@ CardCommand parseWords(const std::string& line, int readers, bool serviceReadabl
         return invalid("acos: the MCU ID is 8 bytes in hex (16 digits), e.g. 0102030405060708");
     command.kind = verb == "tag" ? Kind::Tag : Kind::Acos;
     command.id = *id;
-    return command;
-}
-
-} // namespace
-
-CardCommand CardCommand::parse(const std::string& line, int readers, bool serviceReadable)
-{
-    CardCommand command = parseWords(line, readers, serviceReadable);
-    command.line = line;
     return command;
 }
 

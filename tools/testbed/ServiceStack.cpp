@@ -4,7 +4,6 @@
 #include "ServiceProcess.h"
 #include "TestCertificate.h"
 
-#include <QFile>
 #include <QStringList>
 
 #include <unistd.h>
@@ -111,12 +110,9 @@ QString ServiceStack::appLogFile() const
     return service ? service->logDir() + QStringLiteral("app.log") : QString();
 }
 
-QString ServiceStack::fileTail(const QString& path, int lines)
+QString ServiceStack::appLogTail(int lines) const
 {
-    QFile file(path);
-    if (path.isEmpty() || !file.open(QIODevice::ReadOnly))
-        return QStringLiteral("(no log)");
-    QStringList all = QString::fromUtf8(file.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    QStringList all = service ? service->appLog().split(QLatin1Char('\n'), Qt::SkipEmptyParts) : QStringList();
     if (all.size() > lines)
         all = all.mid(all.size() - lines);
     return all.join(QLatin1Char('\n'));

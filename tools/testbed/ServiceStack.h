@@ -43,9 +43,8 @@ public:
     const TestSupport::PrivatePcscd& pcscd() const { return daemon; }
     QString certificateFile() const;
     QString appLogFile() const;
-    QString appLogTail(int lines) const { return fileTail(appLogFile(), lines); }
-    // The last lines of a text file, for showing why something did not happen.
-    static QString fileTail(const QString& path, int lines);
+    // The end of the service's log, for showing why something did not happen.
+    QString appLogTail(int lines) const;
 
 private:
     const bool withReaders;

@@ -7,7 +7,7 @@
 #include <initializer_list>
 
 // The tools stop on signals the way the service does, through its SignalForwarder (made
-// before install()), whose stopRequested then comes on the event loop; asked() serves code
+// before install()), whose stopRequested then comes on the event loop; stopAsked serves code
 // that runs before the loop does. Only the forwarder's stop signal is passed on: every
 // signal given here means stop.
 namespace StopSignals {
@@ -25,11 +25,6 @@ inline void install(std::initializer_list<int> signalNumbers)
     action.sa_flags = SA_RESTART;
     for (int signalNumber : signalNumbers)
         ::sigaction(signalNumber, &action, nullptr);
-}
-
-inline bool asked()
-{
-    return stopAsked;
 }
 
 } // namespace StopSignals

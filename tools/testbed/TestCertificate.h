@@ -14,11 +14,11 @@ public:
     TestCertificate(const TestCertificate&) = delete;
     TestCertificate& operator=(const TestCertificate&) = delete;
 
-    QString certFile() const;
-    QString keyFile() const;
-    QString dir() const;
+    QString certFile() const { return tempDir.filePath(QStringLiteral("cert.pem")); }
+    QString keyFile() const { return tempDir.filePath(QStringLiteral("key.pem")); }
+    QString dir() const { return tempDir.path(); }
     // SHA-256 of the certificate's DER form, to tell which certificate a server presented.
-    QByteArray sha256() const;
+    QByteArray sha256() const { return fingerprint; }
 
 private:
     QTemporaryDir tempDir;

@@ -245,7 +245,8 @@ void WssClientGroup::close(int connection)
 {
     d->onIoThread(connection, [](Client::connection_ptr con) {
         websocketpp::lib::error_code ignored;
-        con->close(websocketpp::close::status::normal, "", ignored);
+        if (con->get_state() == websocketpp::session::state::open)
+            con->close(websocketpp::close::status::normal, "", ignored);
     });
 }
 
@@ -268,23 +269,10 @@ bool WssClientGroup::waitEnded(int connection, std::chrono::milliseconds timeout
 bool WssClientGroup::closeAll(std::chrono::milliseconds timeout)
 {
     d->closing = true;
+    for (int i = 0; i < static_cast<int>(d->connections.size()); ++i)
+        close(i);
     std::unique_lock<std::mutex> lock(d->mutex);
-    for (const Connection& c : d->connections) {
-        if (Client::connection_ptr con = c.con) {
-            boost::asio::post(d->endpoint.get_io_service(), [con] {
-                websocketpp::lib::error_code ignored;
-                if (con->get_state() == websocketpp::session::state::open)
-                    con->close(websocketpp::close::status::normal, "", ignored);
-            });
-        }
-    }
     return d->changed.wait_for(lock, timeout, [this] { return d->openNow == 0; });
-}
-
-int WssClientGroup::openCount() const
-{
-    std::lock_guard<std::mutex> lock(d->mutex);
-    return d->openNow;
 }
 
 int WssClientGroup::httpStatus(int connection) const

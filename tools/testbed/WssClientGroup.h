@@ -38,7 +38,6 @@ public:
     // Closes the open connections politely and waits for the server's answers.
     bool closeAll(std::chrono::milliseconds timeout);
 
-    int openCount() const;
     // HTTP status of the server's handshake answer: 101 once open, e.g. 403 when refused,
     // 0 when none arrived (a failed TLS handshake).
     int httpStatus(int connection) const;
