@@ -6,10 +6,9 @@
 #include <csignal>
 #include <initializer_list>
 
-// The tools stop on signals the way the service does, through its SignalForwarder (made
-// before install()), whose stopRequested then comes on the event loop; stopAsked serves code
-// that runs before the loop does. Only the forwarder's stop signal is passed on: every
-// signal given here means stop.
+// The tools stop on signals the way the service does: every signal given means stop, passed on
+// as SIGTERM to the SignalForwarder (made before install()), whose stopRequested comes on the
+// event loop; stopAsked serves code that runs before the loop does.
 namespace StopSignals {
 
 inline std::atomic<bool> stopAsked{false};

@@ -25,16 +25,13 @@ public:
     // Sends this Origin header with the handshake, as a browser would; none by default.
     void setOrigin(const QString& origin) { group.setOrigin(origin.toStdString()); }
     // True once the WebSocket is open; false when the connection failed or took too long.
-    bool connect(quint16 port, int timeoutMs = 15000)
-    {
-        return group.connect(port, 1, std::chrono::milliseconds(timeoutMs));
-    }
+    bool connect(quint16 port, int timeoutMs = 15000) { return group.connect(port, 1, ms(timeoutMs)); }
     // The next received text message, in arrival order.
     std::optional<QString> nextMessage(int timeoutMs = 15000);
     bool send(const QString& text) { return group.send(0, text.toStdString()); }
     void close() { group.close(0); } // clean WebSocket close
     void drop() { group.drop(0); }   // vanish: shut the TCP socket down without a close frame
-    bool waitClosed(int timeoutMs = 15000) { return group.waitEnded(0, std::chrono::milliseconds(timeoutMs)); }
+    bool waitClosed(int timeoutMs = 15000) { return group.waitEnded(0, ms(timeoutMs)); }
 
     // See WssClientGroup.
     QByteArray peerCertificateSha256() const { return QByteArray::fromStdString(group.peerCertificateSha256(0)); }
@@ -42,6 +39,7 @@ public:
     QString lastError() const { return QString::fromStdString(group.lastError()); }
 
 private:
+    using ms = std::chrono::milliseconds;
     std::mutex mutex;
     std::condition_variable arrived;
     std::deque<QString> messages;
