@@ -1,9 +1,9 @@
 #include "BenchmarkRun.h"
 
 #include "CardPersonality.h"
-#include "PrivatePcscd.h"
 #include "ProcessStats.h"
 #include "ReaderPresenceWatch.h"
+#include "ServiceStack.h"
 #include "VirtualCard.h"
 #include "WssClientGroup.h"
 
@@ -108,7 +108,7 @@ bool BenchmarkRun::pause(std::chrono::milliseconds duration)
     return !wake.wait_for(lock, duration, [this] { return cancelled.load(); });
 }
 
-void BenchmarkRun::measureWithReaders(const BenchmarkTarget& target)
+void BenchmarkRun::measureWithReaders(const ServiceStack& target)
 {
     ReaderPresenceWatch presence;
     const CancelHook hook(*this, [&presence] { presence.cancel(); });
@@ -118,9 +118,9 @@ void BenchmarkRun::measureWithReaders(const BenchmarkTarget& target)
     }
     if (options.idleSeconds > 0) {
         progress("idle: measuring the service's CPU time for " + std::to_string(options.idleSeconds) + " s");
-        result.idleWithReaders = measureIdle(target.servicePid);
+        result.idleWithReaders = measureIdle(target.servicePid());
     }
-    result.baselineResidentKiB = ProcessStats::residentKiB(target.servicePid);
+    result.baselineResidentKiB = ProcessStats::residentKiB(target.servicePid());
 
     const std::set<int> sizes(options.clients.begin(), options.clients.end());
     for (int clients : sizes) {
@@ -132,12 +132,12 @@ void BenchmarkRun::measureWithReaders(const BenchmarkTarget& target)
     }
 }
 
-void BenchmarkRun::measureIdleWithoutReader(const BenchmarkTarget& target)
+void BenchmarkRun::measureIdleWithoutReader(const ServiceStack& target)
 {
     if (!pause(settleTime))
         return;
     progress("idle, no reader: measuring the service's CPU time for " + std::to_string(options.idleSeconds) + " s");
-    result.idleWithoutReader = measureIdle(target.servicePid);
+    result.idleWithoutReader = measureIdle(target.servicePid());
 }
 
 IdleResult BenchmarkRun::measureIdle(qint64 pid)
@@ -171,7 +171,7 @@ bool BenchmarkRun::connectClients(WssClientGroup& group, TagArrivals& arrivals, 
     return true;
 }
 
-RoundResult BenchmarkRun::runRound(const BenchmarkTarget& target, ReaderPresenceWatch& presence, int clients, int taps)
+RoundResult BenchmarkRun::runRound(const ServiceStack& target, ReaderPresenceWatch& presence, int clients, int taps)
 {
     RoundResult round;
     round.clients = clients;
@@ -181,10 +181,10 @@ RoundResult BenchmarkRun::runRound(const BenchmarkTarget& target, ReaderPresence
     const CancelHook hook(*this, [&arrivals] { arrivals.cancel(); });
     WssClientGroup group(recordIn(arrivals));
     const auto connectStart = Clock::now();
-    if (!connectClients(group, arrivals, target.servicePort, clients, &round.error))
+    if (!connectClients(group, arrivals, target.port(), clients, &round.error))
         return round;
     round.connectSeconds = std::chrono::duration<double>(Clock::now() - connectStart).count();
-    round.residentKiB = ProcessStats::residentKiB(target.servicePid).value_or(0);
+    round.residentKiB = ProcessStats::residentKiB(target.servicePid()).value_or(0);
 
     progress(std::to_string(clients) + " client(s): " + std::to_string(taps) + " taps");
     // Right after a removal the reader's poll cycle is at a known phase; a person's tap is not.
@@ -212,17 +212,18 @@ RoundResult BenchmarkRun::runRound(const BenchmarkTarget& target, ReaderPresence
     return round;
 }
 
-void BenchmarkRun::measureRestarts(const BenchmarkTarget& target, TestSupport::PrivatePcscd& pcscd)
+void BenchmarkRun::measureRestarts(ServiceStack& target)
 {
+    TestSupport::PrivatePcscd& pcscd = target.pcscd();
     RestartResult& restarts = result.restarts;
     restarts.clients = restartClients;
     TagArrivals arrivals(restartClients);
     const CancelHook hook(*this, [&arrivals] { arrivals.cancel(); });
     WssClientGroup group(recordIn(arrivals));
-    if (!connectClients(group, arrivals, target.servicePort, restartClients, &restarts.error))
+    if (!connectClients(group, arrivals, target.port(), restartClients, &restarts.error))
         return;
-    restarts.threadsBefore = ProcessStats::threadCount(target.servicePid);
-    restarts.descriptorsBefore = ProcessStats::descriptorCount(target.servicePid);
+    restarts.threadsBefore = ProcessStats::threadCount(target.servicePid());
+    restarts.descriptorsBefore = ProcessStats::descriptorCount(target.servicePid());
 
     for (int cycle = 1; cycle <= options.restartCycles && !cancelled; ++cycle) {
         const std::string name = "pcscd restart " + std::to_string(cycle) + " of " + std::to_string(options.restartCycles);
@@ -270,13 +271,13 @@ void BenchmarkRun::measureRestarts(const BenchmarkTarget& target, TestSupport::P
     }
     // Threads that end at recovery get a moment to do so.
     if (pause(settleTime)) {
-        restarts.threadsAfter = ProcessStats::threadCount(target.servicePid);
-        restarts.descriptorsAfter = ProcessStats::descriptorCount(target.servicePid);
+        restarts.threadsAfter = ProcessStats::threadCount(target.servicePid());
+        restarts.descriptorsAfter = ProcessStats::descriptorCount(target.servicePid());
     }
     group.closeAll(30s);
 }
 
-std::optional<BenchmarkRun::Tap> BenchmarkRun::tap(const BenchmarkTarget& target, ReaderPresenceWatch& presence,
+std::optional<BenchmarkRun::Tap> BenchmarkRun::tap(const ServiceStack& target, ReaderPresenceWatch& presence,
                                                    TagArrivals& arrivals, std::chrono::milliseconds messageTimeout,
                                                    std::string* error)
 {
@@ -287,7 +288,7 @@ std::optional<BenchmarkRun::Tap> BenchmarkRun::tap(const BenchmarkTarget& target
     std::snprintf(idText, sizeof idText, "%08x", number);
     arrivals.expect(idText);
 
-    const std::string reader = target.readerName.toStdString();
+    const std::string reader = target.pcscd().readerName(0).toStdString();
     VirtualCards::VirtualCard card(VirtualCards::CardPersonality::rfidTag(uid));
     Tap result;
     std::optional<Clock::time_point> seen;
@@ -299,7 +300,7 @@ std::optional<BenchmarkRun::Tap> BenchmarkRun::tap(const BenchmarkTarget& target
             progress("PC/SC did not see a card laid on " + reader + "; laying it again");
         }
         result.laid = Clock::now();
-        if (!card.layOn(target.vpcdPort)) {
+        if (!card.layOn(target.pcscd().vpcdPort(0))) {
             *error = "laying a card: " + card.lastError();
             return std::nullopt;
         }

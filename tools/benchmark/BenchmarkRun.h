@@ -1,8 +1,9 @@
 #pragma once
 
 #include "BenchmarkReport.h"
-#include "BenchmarkTarget.h"
 #include "TagArrivals.h"
+
+#include <QtGlobal>
 
 #include <atomic>
 #include <chrono>
@@ -15,10 +16,8 @@
 #include <vector>
 
 class ReaderPresenceWatch;
+class ServiceStack;
 class WssClientGroup;
-namespace TestSupport {
-class PrivatePcscd;
-}
 
 struct BenchmarkOptions
 {
@@ -38,11 +37,11 @@ public:
     explicit BenchmarkRun(BenchmarkOptions options);
 
     // Taps with one client, the idle service, then the fan-out to each number of clients.
-    void measureWithReaders(const BenchmarkTarget& target);
-    void measureIdleWithoutReader(const BenchmarkTarget& target);
-    // Kills and restarts `pcscd` on the application's main thread, which must be running its
-    // event loop: the daemon dies with the thread that started it.
-    void measureRestarts(const BenchmarkTarget& target, TestSupport::PrivatePcscd& pcscd);
+    void measureWithReaders(const ServiceStack& target);
+    void measureIdleWithoutReader(const ServiceStack& target);
+    // Kills and restarts the stack's pcscd on the application's main thread, which must be
+    // running its event loop: the daemon dies with the thread that started it.
+    void measureRestarts(ServiceStack& target);
 
     void cancel();
     bool isCancelled() const { return cancelled; }
@@ -70,11 +69,11 @@ private:
     };
 
     IdleResult measureIdle(qint64 pid);
-    RoundResult runRound(const BenchmarkTarget& target, ReaderPresenceWatch& presence, int clients, int taps);
+    RoundResult runRound(const ServiceStack& target, ReaderPresenceWatch& presence, int clients, int taps);
     bool connectClients(WssClientGroup& group, TagArrivals& arrivals, quint16 port, int clients, std::string* error);
     // Lays a fresh tag and takes it away once every client has its TAG or `messageTimeout`
     // has passed. Nothing when PC/SC did not see it come and go, or when cancelled.
-    std::optional<Tap> tap(const BenchmarkTarget& target, ReaderPresenceWatch& presence, TagArrivals& arrivals,
+    std::optional<Tap> tap(const ServiceStack& target, ReaderPresenceWatch& presence, TagArrivals& arrivals,
                            std::chrono::milliseconds messageTimeout, std::string* error);
     // Waits unless cancelled; false when cancelled.
     bool pause(std::chrono::milliseconds duration);

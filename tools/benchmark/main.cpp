@@ -3,9 +3,8 @@
 // virtual readers.
 
 #include "BenchmarkRun.h"
-#include "OwnPcscdStack.h"
 #include "ServiceStack.h"
-#include "UnixSignalWatcher.h"
+#include "StopSignals.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -150,52 +149,51 @@ int main(int argc, char** argv)
         options.clients.push_back(1);
 
     raiseDescriptorLimit(*std::max_element(options.clients.begin(), options.clients.end()));
-    UnixSignalWatcher signalWatcher({SIGINT, SIGTERM, SIGHUP});
+    SignalForwarder forwarder;
+    StopSignals::install({SIGINT, SIGTERM, SIGHUP});
     BenchmarkRun run(options);
-    QObject::connect(&signalWatcher, &UnixSignalWatcher::received, &app, [&run] { run.cancel(); });
-    const auto cancelled = [&run] { return UnixSignalWatcher::anyReceived() || run.isCancelled(); };
+    QObject::connect(&forwarder, &SignalForwarder::stopRequested, &app, [&run] { run.cancel(); });
+    const auto cancelled = [&run] { return StopSignals::stopAsked || run.isCancelled(); };
 
     std::cerr << "tiv-benchmark: starting a private PC/SC daemon with virtual readers, and the service" << std::endl;
     const QString loadAtStart = firstLine(QStringLiteral("/proc/loadavg"));
-    {
-        ServiceStack stack;
+    // Why taps went missing is in the service's log, which goes with the stage.
+    const auto problems = [&run] {
+        const BenchmarkReport& report = run.report();
+        const auto& cycles = report.restarts.cycles;
+        return std::count_if(report.rounds.begin(), report.rounds.end(), [](const RoundResult& r) { return !r.error.empty(); })
+               + std::count_if(cycles.begin(), cycles.end(), [](const RestartCycle& c) { return !c.tag; })
+               + !report.restarts.error.empty();
+    };
+    // A private daemon is one per process at a time: each stage brings its own. False, with
+    // the reason in `error`, when the stack did not start.
+    const auto stage = [&](bool withReaders, std::string* error, const std::function<void(ServiceStack&)>& measure) {
+        ServiceStack stack(withReaders);
         const ServiceStack::StartResult started = stack.start(0, startTimeoutMs, cancelled);
         if (started != ServiceStack::StartResult::Started) {
-            if (started != ServiceStack::StartResult::Cancelled)
-                std::cerr << "tiv-benchmark: " << stack.lastError().toStdString() << std::endl;
-            return 1;
+            *error = started == ServiceStack::StartResult::Cancelled ? "cancelled" : stack.lastError().toStdString();
+            return false;
         }
-        const BenchmarkTarget target{stack.servicePid(), stack.port(), stack.vpcdPort(0), stack.readerName(0)};
-        runStage([&] { run.measureWithReaders(target); });
-        const std::vector<RoundResult>& rounds = run.report().rounds;
-        if (std::any_of(rounds.begin(), rounds.end(), [](const RoundResult& r) { return !r.error.empty(); }))
+        const auto before = problems();
+        runStage([&] { measure(stack); });
+        if (problems() > before)
             showLogTail(stack.appLogTail(logTailLines));
+        return true;
+    };
+    std::string error;
+    if (!stage(true, &error, [&](ServiceStack& stack) { run.measureWithReaders(stack); })) {
+        if (!cancelled())
+            std::cerr << "tiv-benchmark: " << error << std::endl;
+        return 1;
     }
-
-    // A private daemon is one per process at a time: each stage below brings its own.
     if (options.idleSeconds > 0 && !cancelled()) {
         std::cerr << "tiv-benchmark: a private PC/SC daemon with no reader, and the service" << std::endl;
-        OwnPcscdStack bare(false);
-        if (bare.start(startTimeoutMs, cancelled)) {
-            const BenchmarkTarget target = bare.target();
-            runStage([&] { run.measureIdleWithoutReader(target); });
-        } else {
-            run.report().idleWithoutReader.error = bare.lastError().toStdString();
-        }
+        stage(false, &run.report().idleWithoutReader.error,
+              [&](ServiceStack& stack) { run.measureIdleWithoutReader(stack); });
     }
     if (options.restartCycles > 0 && !cancelled()) {
         std::cerr << "tiv-benchmark: a private PC/SC daemon to kill and restart, and the service" << std::endl;
-        OwnPcscdStack restarting(true);
-        if (restarting.start(startTimeoutMs, cancelled)) {
-            const BenchmarkTarget target = restarting.target();
-            runStage([&] { run.measureRestarts(target, restarting.pcscd()); });
-            const RestartResult& restarts = run.report().restarts;
-            if (!restarts.error.empty() || std::any_of(restarts.cycles.begin(), restarts.cycles.end(),
-                                                       [](const RestartCycle& c) { return !c.tag; }))
-                showLogTail(restarting.appLogTail(logTailLines));
-        } else {
-            run.report().restarts.error = restarting.lastError().toStdString();
-        }
+        stage(true, &run.report().restarts.error, [&](ServiceStack& stack) { run.measureRestarts(stack); });
     }
 
     std::cout << "\nThe service (" << TIV_BUILD_TYPE << " build) on a private pcscd with virtual readers, which it\n"

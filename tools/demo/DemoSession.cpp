@@ -2,9 +2,10 @@
 
 #include "CardPersonality.h"
 #include "Console.h"
-#include "MessageLog.h"
 #include "ServiceStack.h"
+#include "TagArrivals.h"
 
+#include <QString>
 
 namespace {
 
@@ -15,16 +16,19 @@ using namespace std::chrono_literals;
 const auto messageTimeout = 30s;
 const auto removalTimeout = 10s;
 
-QString describeCard(const DemoCommand& command)
-{
-    return (command.kind == DemoCommand::Kind::Acos ? QStringLiteral("ACOS card ") : QStringLiteral("tag "))
-           + command.idText();
-}
-
 } // namespace
 
-DemoSession::DemoSession(DemoReaders readers, MessageLog& messages, bool interactive)
-    : readers(std::move(readers)), messages(messages), interactive(interactive)
+const char demoCommandHelp[] =
+    "Commands:\n"
+    "  tag <reader> <uid>      lay an RFID tag with this UID (1 to 8 hex bytes) on reader 0 or 1\n"
+    "  acos <reader> <mcu id>  lay an ACOS card with this MCU ID (16 hex digits) on reader 0 or 1\n"
+    "  remove <reader>         take the card off the reader\n"
+    "  help                    show this list\n"
+    "  quit                    stop everything and end (so does Ctrl-D or Ctrl-C)\n"
+    "A card laid on a reader that holds one replaces it. Hex may be written 04a10b7f, 04:a1:0b:7f or 04 a1 0b 7f.\n";
+
+DemoSession::DemoSession(const ServiceStack& stack, TagArrivals& messages, bool interactive)
+    : stack(stack), messages(messages), interactive(interactive)
 {
 }
 
@@ -51,15 +55,14 @@ void DemoSession::run()
     }
     Console::prompt();
     while (!cancelled) {
-        const std::optional<std::string> line = input.next();
-        if (!line || cancelled)
+        const std::optional<CardCommand> command = input.next();
+        if (!command || cancelled)
             break;
         Console::promptAnswered();
-        const DemoCommand command = DemoCommand::parse(*line);
         // Piped commands are not echoed by a terminal; show them so the output reads as a session.
-        if (!interactive && command.kind != DemoCommand::Kind::None)
-            Console::line(QStringLiteral("> ") + QString::fromStdString(*line).trimmed());
-        if (!execute(command))
+        if (!interactive && command->kind != CardCommand::Kind::None)
+            Console::line(QStringLiteral("> ") + QString::fromStdString(command->line).trimmed());
+        if (!execute(*command))
             break;
         Console::prompt();
     }
@@ -67,34 +70,34 @@ void DemoSession::run()
         card.reset();
 }
 
-bool DemoSession::execute(const DemoCommand& command)
+bool DemoSession::execute(const CardCommand& command)
 {
     switch (command.kind) {
-    case DemoCommand::Kind::None:
+    case CardCommand::Kind::None:
         return true;
-    case DemoCommand::Kind::Help:
+    case CardCommand::Kind::Help:
         Console::plain(QString::fromLatin1(demoCommandHelp).trimmed());
         return true;
-    case DemoCommand::Kind::Quit:
+    case CardCommand::Kind::Quit:
         return false;
-    case DemoCommand::Kind::Invalid:
+    case CardCommand::Kind::Invalid:
         Console::line(QStringLiteral("? ") + QString::fromStdString(command.problem));
         // A person simply types again; a script with a typo should not pass for a good run.
         if (!interactive)
             ++failed;
         return true;
-    case DemoCommand::Kind::Remove:
+    case CardCommand::Kind::Remove:
         removeCard(command.reader, true);
         return true;
-    case DemoCommand::Kind::Tag:
-    case DemoCommand::Kind::Acos:
+    case CardCommand::Kind::Tag:
+    case CardCommand::Kind::Acos:
         layCard(command);
         return true;
     }
     return true;
 }
 
-void DemoSession::layCard(const DemoCommand& command)
+void DemoSession::layCard(const CardCommand& command)
 {
     const int reader = command.reader;
     // Swapping cards faster than the reader polls could look like one card that never left.
@@ -103,12 +106,14 @@ void DemoSession::layCard(const DemoCommand& command)
     if (cancelled)
         return;
 
-    auto card = std::make_unique<VirtualCards::VirtualCard>(
-        command.kind == DemoCommand::Kind::Acos ? VirtualCards::CardPersonality::acosCard(command.id)
-                                                : VirtualCards::CardPersonality::rfidTag(command.id));
-    const size_t seenBefore = messages.size();
-    const auto laidAt = MessageLog::Clock::now();
-    if (!card->layOn(readers.vpcdPort[reader])) {
+    const bool acos = command.kind == CardCommand::Kind::Acos;
+    auto card = std::make_unique<VirtualCards::VirtualCard>(acos ? VirtualCards::CardPersonality::acosCard(command.id)
+                                                                  : VirtualCards::CardPersonality::rfidTag(command.id));
+    const QString type = acos ? QStringLiteral("SC") : QStringLiteral("TAG");
+    const QString id = QString::fromStdString(command.idText());
+    messages.expect(command.idText(), type.toStdString());
+    const auto laidAt = TagArrivals::Clock::now();
+    if (!card->layOn(stack.pcscd().vpcdPort(reader))) {
         Console::line(QStringLiteral("could not lay the card on reader %1: %2")
                           .arg(reader)
                           .arg(QString::fromStdString(card->lastError())));
@@ -116,19 +121,17 @@ void DemoSession::layCard(const DemoCommand& command)
         return;
     }
     cards[reader] = std::move(card);
-    Console::line(QStringLiteral("laid %1 on reader %2").arg(describeCard(command)).arg(reader));
+    Console::line(QStringLiteral("laid %1 %2 on reader %3").arg(acos ? "ACOS card" : "tag", id).arg(reader));
 
-    const auto arrival = messages.waitFor(command.messageType(), command.idText(), seenBefore, messageTimeout);
+    const auto arrival = messages.waitForAll(messageTimeout);
     if (arrival) {
-        const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(*arrival - laidAt).count();
-        Console::line(QStringLiteral("%1 %2 reached the client %3 ms after the card was laid")
-                          .arg(command.messageType(), command.idText())
-                          .arg(ms));
+        const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(arrival->first - laidAt).count();
+        Console::line(QStringLiteral("%1 %2 reached the client %3 ms after the card was laid").arg(type, id).arg(ms));
     } else if (!cancelled) {
         Console::line(QStringLiteral("no %1 message for %2 within %3 s; the service's log ends with:\n%4")
-                          .arg(command.messageType(), command.idText())
+                          .arg(type, id)
                           .arg(std::chrono::seconds(messageTimeout).count())
-                          .arg(ServiceStack::fileTail(readers.appLogFile, 10)));
+                          .arg(stack.appLogTail(10)));
         ++failed;
     }
 }
@@ -142,7 +145,7 @@ void DemoSession::removeCard(int reader, bool reportEmptyReader)
     }
     cards[reader].reset();
     // The service says nothing when a card leaves; wait until PC/SC has seen it go.
-    if (presence.waitFor(readers.name[reader].toStdString(), false, removalTimeout)) {
+    if (presence.waitFor(stack.pcscd().readerName(reader).toStdString(), false, removalTimeout)) {
         Console::line(QStringLiteral("took the card off reader %1").arg(reader));
     } else if (!cancelled) {
         Console::line(QStringLiteral("reader %1 still shows a card: %2")

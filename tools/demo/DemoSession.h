@@ -1,25 +1,16 @@
 #pragma once
 
-#include "DemoCommand.h"
+#include "CardCommands.h"
 #include "ReaderPresenceWatch.h"
-#include "StdinLines.h"
 #include "VirtualCard.h"
 
-#include <QString>
 #include <QThread>
 
 #include <atomic>
 #include <memory>
 
-class MessageLog;
-
-// Where the demo's cards go, and where to look when a card's message does not come.
-struct DemoReaders
-{
-    quint16 vpcdPort[2] = {0, 0};
-    QString name[2];
-    QString appLogFile;
-};
+class ServiceStack;
+class TagArrivals;
 
 // Reads commands from standard input and lays and removes virtual cards accordingly. Each
 // card's command ends only when the watching client has the card's message (or a generous
@@ -29,7 +20,7 @@ class DemoSession : public QThread
     Q_OBJECT
 
 public:
-    DemoSession(DemoReaders readers, MessageLog& messages, bool interactive);
+    DemoSession(const ServiceStack& stack, TagArrivals& messages, bool interactive);
     ~DemoSession() override;
 
     // Ends the session soon, from any thread; cards are taken away on the way out.
@@ -42,16 +33,18 @@ protected:
     void run() override;
 
 private:
-    bool execute(const DemoCommand& command);
-    void layCard(const DemoCommand& command);
+    bool execute(const CardCommand& command);
+    void layCard(const CardCommand& command);
     void removeCard(int reader, bool reportEmptyReader);
 
-    const DemoReaders readers;
-    MessageLog& messages;
+    const ServiceStack& stack;
+    TagArrivals& messages;
     const bool interactive;
-    StdinLines input;
+    CardCommandReader input{2, true};
     ReaderPresenceWatch presence;
     std::unique_ptr<VirtualCards::VirtualCard> cards[2];
     std::atomic<bool> cancelled{false};
     std::atomic<int> failed{0};
 };
+
+extern const char demoCommandHelp[];

@@ -1,11 +1,10 @@
 // tiv-demo: the service on virtual readers, with a client watching what it sends.
 
 #include "Console.h"
-#include "DemoCommand.h"
 #include "DemoSession.h"
-#include "MessageLog.h"
 #include "ServiceStack.h"
-#include "UnixSignalWatcher.h"
+#include "StopSignals.h"
+#include "TagArrivals.h"
 #include "WssClientGroup.h"
 
 #include <QCommandLineParser>
@@ -34,7 +33,7 @@ QString compact(const QString& text)
 
 void printIntroduction(ServiceStack& stack)
 {
-    const QString url = stack.url();
+    const QString url = QStringLiteral("wss://127.0.0.1:%1").arg(stack.port());
     Console::plain(QStringLiteral(
         "\nThe service is running on %1 with two virtual readers:\n"
         "  reader 0 = \"%2\"\n"
@@ -46,7 +45,7 @@ void printIntroduction(ServiceStack& stack)
         "accepted once (open https://127.0.0.1:%5/ and accept the warning).\n"
         "The service's log: %6\n"
         "Both files are removed when the demo ends.\n")
-                       .arg(url, stack.readerName(0), stack.readerName(1), stack.certificateFile())
+                       .arg(url, stack.pcscd().readerName(0), stack.pcscd().readerName(1), stack.certificateFile())
                        .arg(stack.port())
                        .arg(stack.appLogFile()));
     Console::plain(QString::fromLatin1(demoCommandHelp));
@@ -80,12 +79,13 @@ int main(int argc, char** argv)
     }
 
     // SIGPIPE too: with its output gone the demo should still take everything down.
-    UnixSignalWatcher signalWatcher({SIGINT, SIGTERM, SIGHUP, SIGPIPE});
+    SignalForwarder forwarder;
+    StopSignals::install({SIGINT, SIGTERM, SIGHUP, SIGPIPE});
     const bool interactive = ::isatty(STDIN_FILENO) && ::isatty(STDOUT_FILENO);
 
     Console::plain(QStringLiteral("Starting a private PC/SC daemon with two virtual readers, and the service..."));
     ServiceStack stack;
-    switch (stack.start(static_cast<quint16>(port), startTimeoutMs, &UnixSignalWatcher::anyReceived)) {
+    switch (stack.start(static_cast<quint16>(port), startTimeoutMs, [] { return StopSignals::stopAsked.load(); })) {
     case ServiceStack::StartResult::Started:
         break;
     case ServiceStack::StartResult::PortInUse:
@@ -101,22 +101,15 @@ int main(int argc, char** argv)
         return 1;
     }
 
-    DemoReaders readers;
-    for (int reader = 0; reader < 2; ++reader) {
-        readers.vpcdPort[reader] = stack.vpcdPort(reader);
-        readers.name[reader] = stack.readerName(reader);
-    }
-    readers.appLogFile = stack.appLogFile();
-    MessageLog messages;
-    DemoSession session(readers, messages, interactive);
+    TagArrivals messages(1);
+    DemoSession session(stack, messages, interactive);
 
     printIntroduction(stack);
     std::atomic<bool> ending{false};
     WssClientGroup client(
         [&messages](int, const std::string& text, WssClientGroup::Clock::time_point arrival) {
-            const QString message = QString::fromStdString(text);
-            Console::line(compact(message));
-            messages.append(message, arrival);
+            Console::line(compact(QString::fromStdString(text)));
+            messages.onMessage(0, text, arrival);
         },
         [&session, &ending](int, const std::string& reason) {
             if (!ending) {
@@ -131,16 +124,16 @@ int main(int argc, char** argv)
         return 1;
     }
     // The greeting ends with the version; commands start below it.
-    if (!messages.waitFor(QStringLiteral("VERSION"), QString(), 0, 15s)) {
+    if (!messages.waitForGreetings(15s)) {
         Console::error(QStringLiteral("the watching client was not greeted by the service"));
         return 1;
     }
 
     Console::setInteractive(interactive);
-    QObject::connect(&signalWatcher, &UnixSignalWatcher::received, &app, [&session] { session.cancel(); });
+    QObject::connect(&forwarder, &SignalForwarder::stopRequested, &app, [&session] { session.cancel(); });
     QObject::connect(&session, &QThread::finished, &app, &QCoreApplication::quit);
     session.start();
-    if (UnixSignalWatcher::anyReceived())
+    if (StopSignals::stopAsked)
         session.cancel();
     // The event loop also drains the service's output, which would otherwise block it.
     app.exec();

@@ -186,11 +186,8 @@ bool PrivatePcscd::start()
                              .arg(driver)
                              .toUtf8());
         config.close();
-
-        if (launch() && waitUntilReady())
+        if (launchAndWait())
             return true;
-        if (isRunning())
-            kill();
     }
     return false;
 }
@@ -201,6 +198,11 @@ bool PrivatePcscd::restart()
         error = QStringLiteral("restart needs a daemon that was started and is not running");
         return false;
     }
+    return launchAndWait();
+}
+
+bool PrivatePcscd::launchAndWait()
+{
     if (launch() && waitUntilReady())
         return true;
     if (isRunning())

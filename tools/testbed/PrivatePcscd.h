@@ -52,6 +52,7 @@ public:
     void setWithoutReaders(bool on) { withoutReaders = on; }
 
 private:
+    bool launchAndWait();
     bool launch();
     bool waitUntilReady();
     bool daemonListensOn(quint16 port) const;

@@ -1,44 +1,47 @@
 #pragma once
 
+#include "WssClientGroup.h"
+
 #include <QByteArray>
 #include <QString>
 #include <QtGlobal>
 
-#include <memory>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
 #include <optional>
 
-// A real wss client running on an asio thread of its own; one connection per instance.
-// The server's certificate is not verified. All members may be called from any thread.
+// One wss connection of its own, on a WssClientGroup of one, with its messages queued for
+// whoever asks. The server's certificate is not verified. All members may be called from any
+// thread.
 class TestWsClient
 {
 public:
-    enum class TlsVersion { Any, V1_1, V1_2, V1_3 };
+    using TlsVersion = WssClientGroup::TlsVersion;
 
+    // Its end closes nothing politely: it stops the asio thread and drops the socket.
     explicit TestWsClient(TlsVersion tls = TlsVersion::Any);
-    ~TestWsClient(); // closes nothing politely: stops the asio thread and drops the socket
-    TestWsClient(const TestWsClient&) = delete;
-    TestWsClient& operator=(const TestWsClient&) = delete;
 
     // Sends this Origin header with the handshake, as a browser would; none by default.
-    void setOrigin(const QString& origin);
+    void setOrigin(const QString& origin) { group.setOrigin(origin.toStdString()); }
     // True once the WebSocket is open; false when the connection failed or took too long.
-    bool connect(quint16 port, int timeoutMs = 15000);
+    bool connect(quint16 port, int timeoutMs = 15000) { return group.connect(port, 1, ms(timeoutMs)); }
     // The next received text message, in arrival order.
     std::optional<QString> nextMessage(int timeoutMs = 15000);
-    bool send(const QString& text);
-    void close();   // clean WebSocket close
-    void drop();    // vanish: shut the TCP socket down without a close frame
-    bool waitClosed(int timeoutMs = 15000);
+    bool send(const QString& text) { return group.send(0, text.toStdString()); }
+    void close() { group.close(0); } // clean WebSocket close
+    void drop() { group.drop(0); }   // vanish: shut the TCP socket down without a close frame
+    bool waitClosed(int timeoutMs = 15000) { return group.waitEnded(0, ms(timeoutMs)); }
 
-    // SHA-256 of the DER certificate the server presented; empty before the connection is open.
-    QByteArray peerCertificateSha256() const;
-    // HTTP status of the server's handshake answer: 101 once open, e.g. 403 when refused,
-    // 0 when none arrived (a failed TLS handshake).
-    int httpStatus() const;
-    // Why the connection failed or closed, as the library put it.
-    QString lastError() const;
+    // See WssClientGroup.
+    QByteArray peerCertificateSha256() const { return QByteArray::fromStdString(group.peerCertificateSha256(0)); }
+    int httpStatus() const { return group.httpStatus(0); }
+    QString lastError() const { return QString::fromStdString(group.lastError()); }
 
 private:
-    struct Impl;
-    std::unique_ptr<Impl> d;
+    using ms = std::chrono::milliseconds;
+    std::mutex mutex;
+    std::condition_variable arrived;
+    std::deque<QString> messages;
+    WssClientGroup group; // last: its thread ends before the queue goes
 };

@@ -19,32 +19,30 @@ const uint8_t controlPowerOn = 0x01;
 const uint8_t controlReset = 0x02;
 const uint8_t controlGetAtr = 0x04;
 
-bool readAll(int fd, uint8_t* data, size_t size)
+// Repeats recv or send until all `size` bytes went through; false when the peer left.
+template <typename Byte, typename Transfer>
+bool transferAll(Byte* data, size_t size, Transfer transfer)
 {
     while (size > 0) {
-        const ssize_t got = ::recv(fd, data, size, 0);
-        if (got < 0 && errno == EINTR)
+        const ssize_t done = transfer(data, size);
+        if (done < 0 && errno == EINTR)
             continue;
-        if (got <= 0)
+        if (done <= 0)
             return false;
-        data += got;
-        size -= static_cast<size_t>(got);
+        data += done;
+        size -= static_cast<size_t>(done);
     }
     return true;
 }
 
+bool readAll(int fd, uint8_t* data, size_t size)
+{
+    return transferAll(data, size, [fd](uint8_t* at, size_t left) { return ::recv(fd, at, left, 0); });
+}
+
 bool writeAll(int fd, const uint8_t* data, size_t size)
 {
-    while (size > 0) {
-        const ssize_t sent = ::send(fd, data, size, MSG_NOSIGNAL);
-        if (sent < 0 && errno == EINTR)
-            continue;
-        if (sent <= 0)
-            return false;
-        data += sent;
-        size -= static_cast<size_t>(sent);
-    }
-    return true;
+    return transferAll(data, size, [fd](const uint8_t* at, size_t left) { return ::send(fd, at, left, MSG_NOSIGNAL); });
 }
 
 int connectTo(const std::string& host, uint16_t port, std::string* error)
@@ -301,12 +299,6 @@ std::vector<Bytes> VirtualCard::receivedApdus() const
 {
     std::lock_guard<std::mutex> lock(mutex);
     return apdus;
-}
-
-int VirtualCard::powerUpCount() const
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    return powerUps;
 }
 
 bool VirtualCard::waitForPowerUps(int count, std::chrono::milliseconds timeout) const

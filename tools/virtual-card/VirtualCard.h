@@ -51,7 +51,6 @@ public:
     // What arrived since the card was last laid on a reader.
     std::vector<Bytes> receivedApdus() const;
     // Power-ons and resets: the reader resets the card when a user lets go of it.
-    int powerUpCount() const;
     bool waitForPowerUps(int count, std::chrono::milliseconds timeout) const;
     // ATR requests that do not follow a power-on or reset: the reader's periodic checks
     // that the card is still there, made whether or not anyone uses the card.

@@ -1,5 +1,6 @@
 // tiv-virtual-card: lays a virtual RFID tag or ACOS card on a virtual PC/SC reader.
 
+#include "CardCommands.h"
 #include "CardPersonality.h"
 #include "HexBytes.h"
 #include "VirtualCard.h"
@@ -9,7 +10,6 @@
 #include <iostream>
 #include <memory>
 #include <mutex>
-#include <sstream>
 #include <string>
 
 using namespace VirtualCards;
@@ -202,36 +202,27 @@ int runInteractive(const Options& options)
 {
     say("Reading commands: tag HEX | acos HEX | remove | quit");
     std::unique_ptr<VirtualCard> card;
-    std::string line;
-    while (std::getline(std::cin, line)) {
-        std::istringstream words(line);
-        std::string command;
-        std::string argument;
-        words >> command >> argument;
-        if (command.empty())
-            continue;
-        if (command == "quit" || command == "exit")
-            break;
-        if (command == "remove") {
-            if (card) {
-                card.reset();
-                say("Card taken away.");
-            } else {
-                say("No card on the reader.");
-            }
-            continue;
-        }
-        if (command == "tag" || command == "acos") {
-            const std::optional<Bytes> id = parseHex(argument);
-            if (!id) {
-                complain("bad card id (hex bytes expected): " + argument);
-                continue;
-            }
+    CardCommandReader input(1, false);
+    for (std::optional<CardCommand> command; (command = input.next()) && command->kind != CardCommand::Kind::Quit;) {
+        switch (command->kind) {
+        case CardCommand::Kind::Tag:
+        case CardCommand::Kind::Acos:
             card.reset();
-            card = makeCard(options, command, *id);
-            continue;
+            card = makeCard(options, command->kind == CardCommand::Kind::Tag ? "tag" : "acos", command->id);
+            break;
+        case CardCommand::Kind::Remove:
+            say(card ? "Card taken away." : "No card on the reader.");
+            card.reset();
+            break;
+        case CardCommand::Kind::Invalid:
+            complain(command->problem);
+            break;
+        case CardCommand::Kind::Help:
+            say("tag HEX | acos HEX | remove | quit");
+            break;
+        default:
+            break;
         }
-        complain("unknown command: " + command + " (tag HEX | acos HEX | remove | quit)");
     }
     card.reset();
     return 0;

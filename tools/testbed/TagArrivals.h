@@ -11,8 +11,9 @@
 // without building a document: with a thousand clients, the client's thread has to keep up.
 std::optional<std::string> jsonStringField(const std::string& json, const std::string& key);
 
-// When each of a group's connections received the greeting, and the TAG of the current tap.
-// Messages are recorded on the group's thread and waited for on another.
+// When each of a group's connections received the greeting, and the card message (TAG, or SC
+// for an ACOS card) of the current tap. Messages are recorded on the group's thread and waited
+// for on another.
 class TagArrivals
 {
 public:
@@ -28,9 +29,9 @@ public:
     void onMessage(int connection, const std::string& text, Clock::time_point arrival);
     // Until every connection has had the VERSION message that ends the greeting.
     bool waitForGreetings(std::chrono::milliseconds timeout);
-    // Forgets the previous tap's TAG and watches for this one.
-    void expect(const std::string& tagId);
-    // Until every connection has the expected TAG; when the first and the last one came.
+    // Forgets the previous tap's message and watches for this one.
+    void expect(const std::string& tagId, const std::string& type = "TAG");
+    // Until every connection has the expected message; when the first and the last one came.
     std::optional<Spread> waitForAll(std::chrono::milliseconds timeout);
     void cancel();
 
@@ -41,6 +42,7 @@ private:
     std::vector<bool> greeted;
     int greetedCount = 0;
     std::string expected;
+    std::string expectedType;
     std::vector<bool> tagged;
     int taggedCount = 0;
     Spread spread;

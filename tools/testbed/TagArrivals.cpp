@@ -37,7 +37,7 @@ void TagArrivals::onMessage(int connection, const std::string& text, Clock::time
         if (*type == "VERSION" && !greeted[index]) {
             greeted[index] = true;
             done = ++greetedCount == connections;
-        } else if (*type == "TAG" && !tagged[index] && !expected.empty()
+        } else if (*type == expectedType && !tagged[index] && !expected.empty()
                    && jsonStringField(text, "tag_id") == expected) {
             tagged[index] = true;
             spread.first = taggedCount == 0 ? arrival : std::min(spread.first, arrival);
@@ -56,10 +56,11 @@ bool TagArrivals::waitForGreetings(std::chrono::milliseconds timeout)
            && !cancelled;
 }
 
-void TagArrivals::expect(const std::string& tagId)
+void TagArrivals::expect(const std::string& tagId, const std::string& type)
 {
     std::lock_guard<std::mutex> lock(mutex);
     expected = tagId;
+    expectedType = type;
     std::fill(tagged.begin(), tagged.end(), false);
     taggedCount = 0;
 }

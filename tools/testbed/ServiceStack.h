@@ -1,5 +1,7 @@
 #pragma once
 
+#include "PrivatePcscd.h"
+
 #include <QString>
 #include <QtGlobal>
 
@@ -8,13 +10,10 @@
 
 class ServiceProcess;
 class TestCertificate;
-namespace TestSupport {
-class PrivatePcscd;
-}
 
 // The built service on a private PC/SC stack, for trying and measuring it without hardware:
-// a pcscd with the virtual reader pair, a throw-away self-signed certificate, and private
-// settings and logs, all removed again by stop().
+// a pcscd with the virtual reader pair (or with no reader), a throw-away self-signed
+// certificate, and private settings and logs, all removed again by stop().
 //
 // Start and stop it from one thread that outlives it (the daemon dies with the thread that
 // started it), and let that thread run a Qt event loop while the service runs: the service's
@@ -24,33 +23,32 @@ class ServiceStack
 public:
     enum class StartResult { Started, PortInUse, Failed, Cancelled };
 
-    ServiceStack();
+    explicit ServiceStack(bool withReaders = true);
     ~ServiceStack();
     ServiceStack(const ServiceStack&) = delete;
     ServiceStack& operator=(const ServiceStack&) = delete;
 
-    // Port 0 picks a free one. Waits until the service has listed both readers; `cancelled`
-    // is asked now and then and ends the wait early. Also points this process's PC/SC
-    // client library at the private daemon, so call it before any SCard call.
+    // Port 0 picks a free one. Waits until the service has listed both readers (or, with none,
+    // listens); `cancelled` is asked now and then and ends the wait early. Also points this
+    // process's PC/SC client library at the private daemon, so call it before any SCard call.
     StartResult start(quint16 port, int timeoutMs, const std::function<bool()>& cancelled = {});
     // SIGTERM to the service (SIGKILL if it hangs), then the daemon; removes every file.
     void stop();
 
     QString lastError() const { return error; }
     quint16 port() const { return servicePort; }
-    QString url() const;
-    QString readerName(int reader) const;
-    quint16 vpcdPort(int reader) const;
+    qint64 servicePid() const { return pid; }
+    // For killing and restarting the daemon under the running service, and for its readers.
+    TestSupport::PrivatePcscd& pcscd() { return daemon; }
+    const TestSupport::PrivatePcscd& pcscd() const { return daemon; }
     QString certificateFile() const;
     QString appLogFile() const;
+    // The end of the service's log, for showing why something did not happen.
     QString appLogTail(int lines) const;
-    // The last lines of a text file, for showing why something did not happen.
-    static QString fileTail(const QString& path, int lines);
-    qint64 servicePid() const;
-    bool serviceRunning();
 
 private:
-    std::unique_ptr<TestSupport::PrivatePcscd> pcscd;
+    const bool withReaders;
+    TestSupport::PrivatePcscd daemon;
     std::unique_ptr<TestCertificate> certificate;
     std::unique_ptr<ServiceProcess> service;
     quint16 servicePort = 0;

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+// Wss connections to one local port, all driven by one asio thread, so a thousand clients
+// cost a thousand sockets and not a thousand threads. The server's certificate is not
+// verified. Handlers run on the group's thread and must be quick; every member may be
+// called from any thread.
+class WssClientGroup
+{
+public:
+    using Clock = std::chrono::steady_clock;
+    using MessageHandler = std::function<void(int connection, const std::string& text, Clock::time_point arrival)>;
+    // A connection that was open has closed or dropped (not called once closeAll() began).
+    using CloseHandler = std::function<void(int connection, const std::string& reason)>;
+    enum class TlsVersion { Any, V1_1, V1_2, V1_3 };
+
+    explicit WssClientGroup(MessageHandler onMessage, CloseHandler onClose = {}, TlsVersion tls = TlsVersion::Any);
+    ~WssClientGroup(); // drops every connection without a close handshake
+    WssClientGroup(const WssClientGroup&) = delete;
+    WssClientGroup& operator=(const WssClientGroup&) = delete;
+
+    // Sends this Origin header with each handshake, as a browser would; none by default.
+    void setOrigin(const std::string& origin);
+    // Opens `count` connections (numbered from 0) to wss://127.0.0.1:port, at most `inFlight`
+    // handshakes at a time so a busy server is not flooded. Call once per group. True once
+    // all are open; false when one failed or the time ran out.
+    bool connect(uint16_t port, int count, std::chrono::milliseconds timeout, int inFlight = 16);
+    bool send(int connection, const std::string& text);
+    void close(int connection); // clean WebSocket close
+    void drop(int connection);  // vanish: shut the TCP socket down without a close frame
+    // Until the connection has closed or failed.
+    bool waitEnded(int connection, std::chrono::milliseconds timeout);
+    // Closes the open connections politely and waits for the server's answers.
+    bool closeAll(std::chrono::milliseconds timeout);
+
+    // HTTP status of the server's handshake answer: 101 once open, e.g. 403 when refused,
+    // 0 when none arrived (a failed TLS handshake).
+    int httpStatus(int connection) const;
+    // SHA-256 of the DER certificate the server presented; empty before the connection is open.
+    std::string peerCertificateSha256(int connection) const;
+    // Why the last connection failed or closed, as the library put it.
+    std::string lastError() const;
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> d;
+};
