@@ -3,6 +3,7 @@
 #include "ServiceProcess.h"
 
 #include "FreePort.h"
+#include "TakenPort.h"
 #include "TestCertificate.h"
 #include "TestWsClient.h"
 
@@ -16,11 +17,8 @@
 #include <algorithm>
 
 #include <csignal>
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -131,16 +129,10 @@ TEST_F(ServiceProcessTest, StartFailuresEndTheServiceWithStatusZero)
 
     ServiceProcess portTaken;
     portTaken.serveOn(port, certificate);
-    const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    ASSERT_EQ(::listen(listener, 1), 0);
+    const TakenPort listener(port);
+    ASSERT_TRUE(listener.taken);
     ASSERT_TRUE(portTaken.start());
     ASSERT_TRUE(portTaken.waitForExit());
-    ::close(listener);
     EXPECT_EQ(portTaken.exitCode(), 0);
     EXPECT_TRUE(portTaken.appLog().contains(QStringLiteral("Could not create server:"))) << portTaken.appLog().toStdString();
 }

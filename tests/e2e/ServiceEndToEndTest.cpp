@@ -25,16 +25,10 @@ using VirtualCards::parseHex;
 // A refresh of the reader list comes every 15 s; a loaded two-core machine needs room on top.
 constexpr int eventTimeoutMs = 45000;
 
-std::string tagText(const QString& id)
+std::string cardText(const char* type, const QString& id)
 {
-    return QStringLiteral("{\n    \"error\": null,\n    \"tag_id\": \"%1\",\n    \"type\": \"TAG\"\n}\n")
-        .arg(id).toStdString();
-}
-
-std::string smartCardText(const QString& id)
-{
-    return QStringLiteral("{\n    \"error\": null,\n    \"tag_id\": \"%1\",\n    \"type\": \"SC\"\n}\n")
-        .arg(id).toStdString();
+    return QStringLiteral("{\n    \"error\": null,\n    \"tag_id\": \"%1\",\n    \"type\": \"%2\"\n}\n")
+        .arg(id, QLatin1String(type)).toStdString();
 }
 
 std::string readerText(const QString& name, bool connected)
@@ -131,17 +125,14 @@ TEST_F(ServiceEndToEnd, ClientsAreGreetedAndEveryCardReachesEveryClient)
 
     // The first client's next message is the tag, so nothing of the second greeting leaked.
     auto tagCard = layOn(0, tag("04a10b7f"));
-    EXPECT_EQ(next(*first), tagText(QStringLiteral("04a10b7f")));
-    EXPECT_EQ(next(*second), tagText(QStringLiteral("04a10b7f")));
+    EXPECT_EQ(next(*first), cardText("TAG", QStringLiteral("04a10b7f")));
+    EXPECT_EQ(next(*second), cardText("TAG", QStringLiteral("04a10b7f")));
     tagCard->takeAway();
 
-    auto acos = layOn(1, CardPersonality::acosCard(*parseHex("0102030405060708")));
-    EXPECT_EQ(next(*first), smartCardText(QStringLiteral("0102030405060708")));
-    EXPECT_EQ(next(*second), smartCardText(QStringLiteral("0102030405060708")));
-
     // Left on the reader, the card is read again after the next refresh of the reader list.
-    EXPECT_EQ(next(*first), smartCardText(QStringLiteral("0102030405060708")));
-    EXPECT_EQ(next(*second), smartCardText(QStringLiteral("0102030405060708")));
+    auto acos = layOn(1, CardPersonality::acosCard(*parseHex("0102030405060708")));
+    for (TestWsClient* each : {first.get(), second.get(), first.get(), second.get()})
+        EXPECT_EQ(next(*each), cardText("SC", QStringLiteral("0102030405060708")));
 
     stopService(SIGTERM);
     EXPECT_EQ(service.readSettings().value(QStringLiteral("service/port")).toInt(), port);
@@ -162,7 +153,7 @@ TEST_F(ServiceEndToEnd, ServiceStartedBeforePcscdDeliversCardsOnceItComesUp)
     EXPECT_EQ(next(*client), readerText(pcscd.readerName(1), true));
 
     auto card = layOn(1, tag("deadbeef"));
-    EXPECT_EQ(next(*client), tagText(QStringLiteral("deadbeef")));
+    EXPECT_EQ(next(*client), cardText("TAG", QStringLiteral("deadbeef")));
 
     stopService(SIGINT);
 }
@@ -196,8 +187,8 @@ TEST_F(ServiceEndToEnd, ClientsSeeTheReadersGoWithPcscdAndComeBackWithItWithoutL
         }
         const QString uid = QStringLiteral("0a0b0c0%1").arg(cycle);
         auto card = layOn(0, tag(uid.toStdString()));
-        EXPECT_EQ(next(*client), tagText(uid));
-        EXPECT_EQ(next(*late), tagText(uid));
+        EXPECT_EQ(next(*client), cardText("TAG", uid));
+        EXPECT_EQ(next(*late), cardText("TAG", uid));
     }
 
     // The late clients are gone; their connections close once the service notices.
