@@ -1,10 +1,7 @@
 // The service binary as a black box: command line, signals, daemon mode and the settings
 // file it leaves behind.
-#include "ServiceProcess.h"
-
-#include "FreePort.h"
+#include "ServiceFixture.h"
 #include "TakenPort.h"
-#include "TestCertificate.h"
 #include "TestWsClient.h"
 
 #include <QDir>
@@ -28,25 +25,15 @@ namespace {
 const QString versionLine = QStringLiteral(
     R"(^INFO  \d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3} Application version: "0\.25" $)");
 
-class ServiceProcessTest : public ::testing::Test
+class ServiceProcessTest : public ServiceFixture
 {
 protected:
-    void SetUp() override
-    {
-        port = TestSupport::findFreePorts();
-        service.serveOn(port, certificate);
-    }
-
     void startAndWaitUntilServing()
     {
         ASSERT_TRUE(service.start());
         // Serving, with the monitor waiting for a PC/SC service that never comes.
         ASSERT_TRUE(service.waitForLog(QStringLiteral("No PCSC running, starting monitor thread.")));
     }
-
-    TestCertificate certificate;
-    ServiceProcess service;
-    quint16 port = 0;
 };
 
 TEST_F(ServiceProcessTest, HelpAndVersionEndTheProcessAfterOnlyTheVersionLine)

@@ -1,25 +1,17 @@
 // The built service as a black box on a private PC/SC stack: a pcscd with the virtual reader
 // pair, virtual cards, and real TLS WebSocket clients.
-#include "CardPersonality.h"
-#include "FreePort.h"
-#include "HexBytes.h"
-#include "PrivatePcscd.h"
-#include "ServiceProcess.h"
-#include "TestCertificate.h"
+#include "ServiceFixture.h"
 #include "TestWsClient.h"
-#include "VirtualCard.h"
 
 #include <QDir>
 
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <memory>
 
 namespace {
 
 using VirtualCards::CardPersonality;
-using VirtualCards::VirtualCard;
 using VirtualCards::parseHex;
 
 // A refresh of the reader list comes every 15 s; a loaded two-core machine needs room on top.
@@ -52,21 +44,9 @@ int countEntries(const QString& path)
     return QDir(path).entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System).size();
 }
 
-class ServiceEndToEnd : public ::testing::Test
+class ServiceEndToEnd : public ServiceFixture
 {
 protected:
-    void SetUp() override
-    {
-        port = TestSupport::findFreePorts();
-        service.serveOn(port, certificate);
-    }
-
-    void startPcscd()
-    {
-        ASSERT_TRUE(pcscd.start()) << pcscd.lastError().toStdString();
-        service.setEnvironment(QStringLiteral("PCSCLITE_CSOCK_NAME"), pcscd.socketPath());
-    }
-
     // Starts the service and waits until both virtual readers have been listed.
     void startServiceWithReaders()
     {
@@ -90,15 +70,6 @@ protected:
         EXPECT_EQ(next(client), versionText);
     }
 
-    std::unique_ptr<VirtualCard> layOn(int reader, CardPersonality personality)
-    {
-        auto card = std::make_unique<VirtualCard>(std::move(personality));
-        EXPECT_TRUE(card->layOn(pcscd.vpcdPort(reader))) << card->lastError();
-        return card;
-    }
-
-    static CardPersonality tag(const std::string& uid) { return CardPersonality::rfidTag(*parseHex(uid)); }
-
     void stopService(int signalNumber)
     {
         service.sendSignal(signalNumber);
@@ -106,11 +77,6 @@ protected:
         EXPECT_EQ(service.exitStatus(), QProcess::NormalExit);
         EXPECT_EQ(service.exitCode(), 0) << service.standardError().right(20000).toStdString();
     }
-
-    TestSupport::PrivatePcscd pcscd;
-    TestCertificate certificate;
-    ServiceProcess service;
-    quint16 port = 0;
 };
 
 TEST_F(ServiceEndToEnd, ClientsAreGreetedAndEveryCardReachesEveryClient)
