@@ -1,5 +1,7 @@
 #pragma once
 
+#include "PrintQString.h"
+
 #include <QByteArray>
 #include <QCoreApplication>
 #include <QFile>
@@ -10,7 +12,6 @@
 
 #include <ctime>
 #include <sys/stat.h>
-#include <ostream>
 
 // Set for a test run again in a process of its own, which keeps the environment it was given.
 inline const char* const freshProcessVariable = "TIV_TEST_FRESH_PROCESS";
@@ -20,11 +21,6 @@ inline const char* const freshProcessVariable = "TIV_TEST_FRESH_PROCESS";
 // sanitizer cannot see.
 inline const bool farZoneSet =
     qEnvironmentVariableIsSet(freshProcessVariable) || (qputenv("TZ", "XYZ-05:45"), tzset(), true);
-
-inline void PrintTo(const QString& text, std::ostream* out)
-{
-    *out << '"' << text.toStdString() << '"';
-}
 
 inline QByteArray readFile(const QString& path)
 {

@@ -1,20 +1,12 @@
+#include "PrintQString.h"
 #include "ReaderCommand.h"
 #include "SCCommand.h"
 #include "TagCommand.h"
 #include "VersionCommand.h"
 
 #include <QJsonDocument>
-#include <QStringList>
 
 #include <gtest/gtest.h>
-
-#include <ostream>
-
-// Readable failure messages instead of byte dumps.
-inline void PrintTo(const QString& value, std::ostream* out)
-{
-    *out << '"' << value.toStdString() << '"';
-}
 
 namespace {
 
@@ -22,11 +14,6 @@ namespace {
 QString text(const QJsonObject& message)
 {
     return QString::fromUtf8(QJsonDocument(message).toJson());
-}
-
-QJsonObject parsed(const QJsonObject& message)
-{
-    return QJsonDocument::fromJson(text(message).toUtf8()).object();
 }
 
 } // namespace
@@ -43,35 +30,5 @@ TEST(MessageText, EachKindHasItsExactText)
               "    \"type\": \"READER\"\n}\n");
     EXPECT_EQ(text(VersionCommand::build(QStringLiteral("0.25"))),
               "{\n    \"error\": null,\n    \"type\": \"VERSION\",\n    \"version\": \"0.25\"\n}\n");
-    EXPECT_EQ(parsed(ReaderCommand::build(QStringLiteral("Reader A"), false))["event"],
-              QStringLiteral("DISCONNECTED"));
-}
-
-TEST(MessageText, ReaderNameSurvivesEscaping)
-{
-    const QString name = QStringLiteral("ACME \"Dual\" Reader \\ 01 \u00e9");
-    const QString serialised = text(ReaderCommand::build(name, true));
-
-    EXPECT_TRUE(serialised.contains(
-        QStringLiteral("\"name\": \"ACME \\\"Dual\\\" Reader \\\\ 01 \u00e9\"")))
-        << serialised.toStdString();
-    EXPECT_EQ(parsed(ReaderCommand::build(name, true))["name"].toString(), name);
-}
-
-TEST(MessageText, EmptyArgumentsStayStringsAndErrorIsAlwaysNull)
-{
-    const std::pair<QJsonObject, QString> cases[] = {
-        {TagCommand::build(QString()), "tag_id"},
-        {SCCommand::build(QString()), "tag_id"},
-        {ReaderCommand::build(QString(), false), "name"},
-        {VersionCommand::build(QString()), "version"},
-    };
-    for (const auto& [message, key] : cases) {
-        const QJsonObject back = parsed(message);
-        EXPECT_EQ(back.size(), message.size());
-        EXPECT_TRUE(back["error"].isNull());
-        // Clients test the type as well as the value: an empty argument must not become null.
-        EXPECT_TRUE(back[key].isString()) << key.toStdString();
-        EXPECT_EQ(back[key].toString(), QString());
-    }
+    EXPECT_TRUE(text(ReaderCommand::build(QStringLiteral("Reader A"), false)).contains("\"event\": \"DISCONNECTED\""));
 }

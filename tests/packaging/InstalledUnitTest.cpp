@@ -8,6 +8,7 @@
 #include "HexBytes.h"
 #include "PrivatePcscd.h"
 #include "ServiceProcess.h"
+#include "TakenPort.h"
 #include "TestWsClient.h"
 #include "VirtualCard.h"
 
@@ -19,13 +20,7 @@
 
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <cstdlib>
-
 #include <iostream>
 #include <memory>
 
@@ -47,26 +42,23 @@ struct CommandResult
     QString output;
 };
 
-CommandResult runCommand(const QString& program, const QStringList& arguments, int timeoutMs = 300000)
+// `command` is split at spaces: none of its words hold one.
+CommandResult run(const QString& command, int timeoutMs = 300000)
 {
+    QStringList words = command.split(' ');
     QProcess process;
     process.setProcessChannelMode(QProcess::MergedChannels);
-    process.start(program, arguments);
+    process.start(words.takeFirst(), words);
     CommandResult result;
     if (!process.waitForFinished(timeoutMs)) {
         process.kill();
         process.waitForFinished();
-        result.output = QStringLiteral("(did not finish) ");
+        result.output = "(did not finish) ";
     }
     result.output += QString::fromLocal8Bit(process.readAll());
     if (process.exitStatus() == QProcess::NormalExit)
         result.exitCode = process.exitCode();
     return result;
-}
-
-QString systemState()
-{
-    return runCommand(QStringLiteral("systemctl"), {QStringLiteral("is-system-running")}).output.trimmed();
 }
 
 // A client can make one connection only: every attempt gets a new one.
@@ -87,19 +79,17 @@ class InstalledUnit : public ::testing::Test
 protected:
     void SetUp() override
     {
-        const QString state = systemState();
+        const QString state = run("systemctl is-system-running").output.trimmed();
         if (state != QLatin1String("running") && state != QLatin1String("degraded"))
             GTEST_SKIP() << "systemd does not run here (" << state.toStdString() << ")";
         if (::geteuid() != 0)
             GTEST_SKIP() << "installing the package needs root";
-        if (runCommand(QStringLiteral("dpkg"), {QStringLiteral("-s"), QStringLiteral("tiv-rfid-svc")}).exitCode == 0 ||
+        if (run("dpkg -s tiv-rfid-svc").exitCode == 0 ||
             QFileInfo::exists(settingsFile) || QFileInfo::exists(dropInDirectory))
             GTEST_SKIP() << "the package, its settings or a drop-in are here already; left alone";
 
         ASSERT_TRUE(packages.isValid());
-        const CommandResult cpack = runCommand(QStringLiteral("cpack"), {QStringLiteral("-G"), QStringLiteral("DEB"),
-                                                        QStringLiteral("--config"), QStringLiteral(TIV_CPACK_CONFIG),
-                                                        QStringLiteral("-B"), packages.path()});
+        const CommandResult cpack = run("cpack -G DEB --config " TIV_CPACK_CONFIG " -B " + packages.path());
         ASSERT_EQ(cpack.exitCode, 0) << cpack.output.toStdString();
         const QStringList debs = QDir(packages.path()).entryList({QStringLiteral("tiv-rfid-svc_*.deb")});
         ASSERT_EQ(debs.size(), 1);
@@ -123,15 +113,13 @@ protected:
             return;
         }
         if (HasFailure()) {
-            std::cerr << runCommand(QStringLiteral("journalctl"), {QStringLiteral("-u"), unitName, QStringLiteral("-n"),
-                                                            QStringLiteral("60"), QStringLiteral("--no-pager")})
-                             .output.toStdString();
+            std::cerr << run("journalctl -n 60 --no-pager -u " + unitName).output.toStdString();
         }
-        runCommand(QStringLiteral("dpkg"), {QStringLiteral("--purge"), QStringLiteral("tiv-rfid-svc")});
+        run("dpkg --purge tiv-rfid-svc");
         QDir(dropInDirectory).removeRecursively();
         QFile::remove(settingsFile);
         QDir().rmdir(QFileInfo(settingsFile).path());
-        runCommand(QStringLiteral("systemctl"), {QStringLiteral("daemon-reload")});
+        run("systemctl daemon-reload");
         cleanUpRunDirectory();
     }
 
@@ -178,16 +166,11 @@ protected:
 
 TEST_F(InstalledUnit, ReadsATagAsItsOwnUserAndWritesItsLogsAndSettings)
 {
-    const CommandResult install = runCommand(QStringLiteral("apt-get"), {QStringLiteral("install"), QStringLiteral("-y"),
-                                                        QStringLiteral("--no-install-recommends"), deb});
+    const CommandResult install = run("apt-get install -y --no-install-recommends " + deb);
     ASSERT_EQ(install.exitCode, 0) << install.output.toStdString();
-    const auto active = [] {
-        return runCommand(QStringLiteral("systemctl"), {QStringLiteral("is-active"), QStringLiteral("--quiet"), unitName})
-                   .exitCode == 0;
-    };
+    const auto active = [] { return run("systemctl is-active --quiet " + unitName).exitCode == 0; };
     ASSERT_TRUE(waitUntil(active, 60000)) << "the postinst did not start the unit";
-    EXPECT_EQ(runCommand(QStringLiteral("systemctl"), {QStringLiteral("is-enabled"), unitName}).output.trimmed(),
-              QStringLiteral("enabled"));
+    EXPECT_EQ(run("systemctl is-enabled " + unitName).output.trimmed(), QStringLiteral("enabled"));
 
     const auto client = connectWithin(port, 60000);
     ASSERT_TRUE(client) << "the installed service does not serve";
@@ -210,29 +193,19 @@ TEST_F(InstalledUnit, ReadsATagAsItsOwnUserAndWritesItsLogsAndSettings)
     client->close();
 
     // A start that fails (here: port taken) ends with status 0; the unit must try again.
-    ASSERT_EQ(runCommand(QStringLiteral("systemctl"), {QStringLiteral("stop"), unitName}).exitCode, 0);
-    const int blocker = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(::bind(blocker, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    ASSERT_EQ(::listen(blocker, 1), 0);
-    ASSERT_EQ(runCommand(QStringLiteral("systemctl"), {QStringLiteral("start"), unitName}).exitCode, 0);
-    const auto restarts = [] {
-        return runCommand(QStringLiteral("systemctl"), {QStringLiteral("show"), QStringLiteral("-P"),
-                                                        QStringLiteral("NRestarts"), unitName})
-            .output.trimmed()
-            .toInt();
-    };
-    const bool restarted = waitUntil([&] { return restarts() > 0; }, 60000);
-    ::close(blocker);
+    ASSERT_EQ(run("systemctl stop " + unitName).exitCode, 0);
+    auto blocker = std::make_unique<TakenPort>(port);
+    ASSERT_TRUE(blocker->taken);
+    ASSERT_EQ(run("systemctl start " + unitName).exitCode, 0);
+    const bool restarted =
+        waitUntil([] { return run("systemctl show -P NRestarts " + unitName).output.trimmed().toInt() > 0; }, 60000);
+    blocker.reset();
     ASSERT_TRUE(restarted) << "no restart after a failed start";
     const auto afterRestart = connectWithin(port, 60000);
     ASSERT_TRUE(afterRestart) << "the restarted service does not serve";
     afterRestart->close();
 
-    ASSERT_EQ(runCommand(QStringLiteral("systemctl"), {QStringLiteral("stop"), unitName}).exitCode, 0);
+    ASSERT_EQ(run("systemctl stop " + unitName).exitCode, 0);
     const QFileInfo appLog(logDirectory + QStringLiteral("/app.log"));
     EXPECT_TRUE(appLog.exists() && appLog.size() > 0);
     EXPECT_EQ(appLog.owner(), QStringLiteral("tiv-rfid-svc"));

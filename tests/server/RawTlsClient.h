@@ -1,39 +1,143 @@
 #pragma once
 
 #include <QByteArray>
-#include <QtGlobal>
+#include <QList>
 
 #include <openssl/ssl.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
 
 // A wss client with every step in the test's hands, for clients that misbehave: blocking
 // OpenSSL on a plain socket, TLS 1.2, no certificate check. Every wait is bounded.
 class RawTlsClient
 {
 public:
-    RawTlsClient();
-    ~RawTlsClient();
+    // Writing to a connection the server has dropped must fail, not end the test.
+    RawTlsClient() { std::signal(SIGPIPE, SIG_IGN); }
+    ~RawTlsClient()
+    {
+        if (ssl)
+            SSL_free(ssl);
+        if (context)
+            SSL_CTX_free(context);
+        if (fd >= 0)
+            ::close(fd);
+    }
     RawTlsClient(const RawTlsClient&) = delete;
     RawTlsClient& operator=(const RawTlsClient&) = delete;
 
-    bool connectTcp(quint16 port);
+    bool connectTcp(quint16 port)
+    {
+        fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        if (fd < 0)
+            return false;
+        setTimeouts(30000);
+        // Small and fixed, so that a client that stops reading soon stops taking the server's data.
+        const int receiveBuffer = 8192;
+        ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        return ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    }
+
     // Offers only these TLS 1.2 suites when given; false when the server refuses them all.
-    bool startTls(const char* cipherList = nullptr);
+    bool startTls(const char* cipherList = nullptr)
+    {
+        context = SSL_CTX_new(TLS_client_method());
+        SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
+        SSL_CTX_set_max_proto_version(context, TLS1_2_VERSION);
+        // Level 0, so that OpenSSL lets the client offer the weak suites the server must refuse.
+        SSL_CTX_set_security_level(context, 0);
+        if (cipherList && SSL_CTX_set_cipher_list(context, cipherList) != 1)
+            return false;
+        ssl = SSL_new(context);
+        SSL_set_fd(ssl, fd);
+        return SSL_connect(ssl) == 1;
+    }
     bool connect(quint16 port) { return connectTcp(port) && startTls(); }
-    QByteArray negotiatedCipher() const;
+    QByteArray negotiatedCipher() const { return ssl ? QByteArray(SSL_get_cipher_name(ssl)) : QByteArray(); }
+
+    bool write(const QByteArray& bytes)
+    {
+        return !bytes.isEmpty() && SSL_write(ssl, bytes.constData(), bytes.size()) == bytes.size();
+    }
 
     // Sends `request` and returns the status code of the server's answer, 0 when none came.
-    int handshake(const QByteArray& request);
+    int handshake(const QByteArray& request)
+    {
+        if (!write(request))
+            return 0;
+        QByteArray answer;
+        char buffer[1024];
+        int got = 0;
+        while (!answer.contains("\r\n\r\n") && (got = SSL_read(ssl, buffer, sizeof buffer)) > 0)
+            answer.append(buffer, got);
+        const QList<QByteArray> statusLine = answer.left(answer.indexOf("\r\n")).split(' ');
+        return statusLine.size() >= 2 ? statusLine[1].toInt() : 0;
+    }
+
     // A standard WebSocket upgrade; true on 101.
-    bool upgrade();
+    bool upgrade()
+    {
+        return handshake("GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+                         "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n") == 101;
+    }
+
     // A masked client frame. `announced` is the length put in the header when not -1.
-    bool sendFrame(int opcode, const QByteArray& payload, qint64 announced = -1);
-    bool write(const QByteArray& bytes);
+    bool sendFrame(int opcode, const QByteArray& payload, qint64 announced = -1)
+    {
+        const quint64 length = announced < 0 ? quint64(payload.size()) : quint64(announced);
+        QByteArray frame(1, char(0x80 | opcode));
+        if (length < 126) {
+            frame.append(char(0x80 | length));
+        } else if (length < 65536) {
+            frame.append(char(0x80 | 126)).append(char(length >> 8)).append(char(length & 0xff));
+        } else {
+            frame.append(char(0x80 | 127));
+            for (int shift = 56; shift >= 0; shift -= 8)
+                frame.append(char((length >> shift) & 0xff));
+        }
+        // A zero masking key: the payload goes out as it is.
+        return write(frame + QByteArray(4, '\0') + payload);
+    }
+
     // Reads and discards until the server ends the connection; false if it has not after
     // `timeoutMs`.
-    bool waitForClose(int timeoutMs = 30000);
+    bool waitForClose(int timeoutMs = 30000)
+    {
+        setTimeouts(timeoutMs);
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+        char buffer[4096];
+        while (std::chrono::steady_clock::now() < deadline) {
+            const int got = ssl ? SSL_read(ssl, buffer, sizeof buffer) : int(::recv(fd, buffer, sizeof buffer, 0));
+            if (got > 0)
+                continue;
+            // The receive time-out passed: still open.
+            const int error = ssl ? SSL_get_error(ssl, got) : 0;
+            const bool timedOut = ssl ? error == SSL_ERROR_WANT_READ || (error == SSL_ERROR_SYSCALL && errno == EAGAIN)
+                                      : got < 0 && errno == EAGAIN;
+            return !timedOut;
+        }
+        return false;
+    }
 
 private:
-    void setTimeouts(int timeoutMs);
+    void setTimeouts(int timeoutMs)
+    {
+        timeval limit{timeoutMs / 1000, (timeoutMs % 1000) * 1000};
+        ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+        ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    }
 
     int fd = -1;
     SSL_CTX* context = nullptr;

@@ -2,6 +2,7 @@
 
 #include "FreePort.h"
 #include "LogCapture.h"
+#include "PrintQString.h"
 #include "ServerThread.h"
 #include "TestCertificate.h"
 #include "TestWsClient.h"
@@ -14,13 +15,7 @@
 
 #include <memory>
 #include <mutex>
-#include <ostream>
 #include <vector>
-
-inline void PrintTo(const QString& value, std::ostream* out)
-{
-    *out << '"' << value.toStdString() << '"';
-}
 
 // Runs the main thread's event loop until the condition holds. Generous, because the server
 // notices a vanished client only after its TLS shutdown times out.

@@ -118,7 +118,7 @@ TEST_F(RunningServer, DepartedClientsAreRemovedOneByOneAndAVanishedOneCutsNoBroa
     EXPECT_EQ(LogCapture::instance().count("client left before it was admitted"), 1);
 }
 
-TEST_F(RunningServer, StopEndsRunWithClientsConnectedAndEachStartEmptiesTheLibraryLogs)
+TEST_F(RunningServer, StopEndsRunWithClientsConnectedEachStartEmptiesTheLibraryLogsAndARestartListensAtOnce)
 {
     TestWsClient a;
     ASSERT_TRUE(a.connect(port));
@@ -142,17 +142,8 @@ TEST_F(RunningServer, StopEndsRunWithClientsConnectedAndEachStartEmptiesTheLibra
         QFile file(logPrefix() + name);
         EXPECT_TRUE(file.open(QIODevice::ReadOnly) && !file.readAll().contains("stale line")) << name;
     }
-}
 
-TEST_F(RunningServer, ARestartRightAfterAStopWithClientsConnectedListensAtOnce)
-{
-    TestWsClient before;
-    ASSERT_TRUE(before.connect(port));
-    ASSERT_TRUE(waitForClients(1));
-    thread->stopServer();
-    ASSERT_TRUE(thread->wait(30000));
-
-    // The stopped server's connections still hold the port.
+    // The stopped server's connections still hold the port, and a restart must listen at once.
     ServerThread again(port, cert.certFile(), cert.keyFile(), logPrefix(), nullptr);
     again.start();
     ASSERT_TRUE(again.waitForInit());

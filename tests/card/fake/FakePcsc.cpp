@@ -226,12 +226,8 @@ bool fillIn(SCARD_READERSTATE* records, DWORD count, const std::vector<std::stri
         const DWORD known = record.dwCurrentState & (SCARD_STATE_PRESENT | SCARD_STATE_EMPTY | SCARD_STATE_UNKNOWN);
         const bool changed = record.dwCurrentState == SCARD_STATE_UNAWARE || known != actual;
         record.dwEventState = actual | (changed ? SCARD_STATE_CHANGED : 0);
-        const auto overridden = stack.eventOverrides.find(reader);
-        if (overridden != stack.eventOverrides.end())
-            record.dwEventState = overridden->second;
-        anyChanged = anyChanged || changed || overridden != stack.eventOverrides.end();
+        anyChanged = anyChanged || changed;
     }
-    stack.eventOverrides.clear();
     return anyChanged;
 }
 

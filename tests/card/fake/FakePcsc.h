@@ -54,8 +54,6 @@ struct Stack
     // there) and the wait is cancelled.
     std::deque<std::function<void()>> script;
     std::function<void()> onScriptEnd;
-    // The next wait reports exactly this event state for the reader, whatever the truth.
-    std::map<std::string, DWORD> eventOverrides;
     // What the code under test called, in order: "ListReaders" (sizing), "ListNames",
     // "Wait <time-out ms> <records>", "Connect <reader>", "Begin", "Status", "Transmit <hex>",
     // "End <disposition>", "Disconnect <disposition>", "Cancel", "Release", "Pause <ms>"; and

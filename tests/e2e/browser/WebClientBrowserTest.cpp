@@ -1,43 +1,27 @@
 // The example web client in headless Chromium against the built service on a private PC/SC
 // stack. The page is driven by drive_web_client.py, which reports what the page shows one
 // word a line; the test acts on the service and the readers between those reports.
-#include "CardPersonality.h"
-#include "FreePort.h"
-#include "HexBytes.h"
-#include "PrivatePcscd.h"
-#include "ServiceProcess.h"
-#include "TestCertificate.h"
-#include "VirtualCard.h"
+#include "ServiceFixture.h"
 
 #include <QDateTime>
 #include <QProcess>
 
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <iostream>
-#include <memory>
 
 namespace {
 
-using VirtualCards::CardPersonality;
-using VirtualCards::VirtualCard;
-using VirtualCards::parseHex;
-
 // Chromium's first start on a loaded two-core machine, and the service's ~15 s reader refresh.
 constexpr int stepTimeoutMs = 90000;
-// A stopped service leaves its port in TIME_WAIT for a minute when clients were connected.
-constexpr int portReleaseTimeoutMs = 150000;
 
-class WebClientInBrowser : public ::testing::Test
+class WebClientInBrowser : public ServiceFixture
 {
 protected:
     void SetUp() override
     {
-        port = TestSupport::findFreePorts();
-        service.serveOn(port, certificate);
-        ASSERT_TRUE(pcscd.start()) << pcscd.lastError().toStdString();
-        service.setEnvironment(QStringLiteral("PCSCLITE_CSOCK_NAME"), pcscd.socketPath());
+        ServiceFixture::SetUp();
+        startPcscd();
         ASSERT_TRUE(service.start());
     }
 
@@ -95,31 +79,6 @@ protected:
         }
     }
 
-    void expectPageDriverSucceeds()
-    {
-        ASSERT_TRUE(page.waitForFinished(stepTimeoutMs));
-        EXPECT_EQ(page.exitStatus(), QProcess::NormalExit);
-        EXPECT_EQ(page.exitCode(), 0);
-    }
-
-    std::unique_ptr<VirtualCard> layTag(int reader, const std::string& uid)
-    {
-        auto card = std::make_unique<VirtualCard>(CardPersonality::rfidTag(*parseHex(uid)));
-        EXPECT_TRUE(card->layOn(pcscd.vpcdPort(reader))) << card->lastError();
-        return card;
-    }
-
-    // How the service ends is the service tests' business; the page only has to notice it.
-    void stopService()
-    {
-        service.sendSignal(SIGTERM);
-        ASSERT_TRUE(service.waitForExit());
-    }
-
-    TestSupport::PrivatePcscd pcscd;
-    TestCertificate certificate;
-    ServiceProcess service;
-    quint16 port = 0;
     QProcess page;
     QByteArray pageOutput;
 };
@@ -129,29 +88,11 @@ TEST_F(WebClientInBrowser, ShowsTheReadersTheVersionAndATagLaidOnAReader)
     openPage({QStringLiteral("--tag"), QStringLiteral("04a10b7f")});
     ASSERT_TRUE(waitForStep("READY"));
 
-    auto tag = layTag(0, "04a10b7f");
+    auto card = layOn(0, tag("04a10b7f"));
     ASSERT_TRUE(waitForStep("SEEN"));
-    expectPageDriverSucceeds();
-    stopService();
-}
-
-TEST_F(WebClientInBrowser, ReconnectsAfterTheServiceRestartsAndKeepsShowingTags)
-{
-    openPage({QStringLiteral("--restart"), QStringLiteral("--tag"), QStringLiteral("0a0b0c0d")});
-    ASSERT_TRUE(waitForStep("READY"));
-
-    stopService();
-    ASSERT_TRUE(waitForStep("LOST"));
-
-    // The service does not reuse a port still held in TIME_WAIT, so it would fail to start.
-    ASSERT_TRUE(waitUntil([&] { return TestSupport::loopbackPortIsFree(port); }, portReleaseTimeoutMs));
-    ASSERT_TRUE(service.start());
-    ASSERT_TRUE(waitForStep("BACK"));
-
-    auto tag = layTag(1, "0a0b0c0d");
-    ASSERT_TRUE(waitForStep("SEEN"));
-    expectPageDriverSucceeds();
-    stopService();
+    ASSERT_TRUE(page.waitForFinished(stepTimeoutMs));
+    EXPECT_EQ(page.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(page.exitCode(), 0);
 }
 
 } // namespace

@@ -2,14 +2,12 @@
 """Opens the example web client in headless Chromium against a running service and reports on
 standard output, one word a line, what the page has come to show:
   READY  connected, with exactly the expected readers and version
-  LOST   (--restart) the service went away and the page dropped its readers
-  BACK   (--restart) connected again, the readers and version rebuilt from the new greeting
   SEEN   (--tag ID) a tag with that ID is listed
 The caller acts between the steps (stops the service, lays the tag). Exits 0 after the last
 step, 1 with the reason on standard error when a step does not come.
 
   python3 drive_web_client.py --port 8036 --cert localhost.pem --reader "Reader A" \\
-      --version 0.25 [--restart] [--tag 04a10b7f] [--screenshot page.png] [--step-timeout ms]
+      --version 0.25 [--tag 04a10b7f] [--screenshot page.png] [--step-timeout ms]
 """
 import argparse
 import datetime
@@ -27,12 +25,6 @@ const shown = [...document.querySelectorAll('#readers li')].map((item) => item.t
 return document.getElementById('connection').dataset.state === 'connected'
   && document.getElementById('version').textContent === version
   && JSON.stringify(shown.sort()) === JSON.stringify(readers);
-"""
-
-CONNECTION_LOST = """
-return document.getElementById('connection').dataset.state === 'disconnected'
-  && document.querySelectorAll('#readers li').length === 0
-  && document.getElementById('version').textContent === '–';
 """
 
 TAG_LISTED = """
@@ -59,11 +51,6 @@ def run(browser, options, timeout):
         note("page loaded")
         browser.wait_for(GREETING_SHOWN, timeout, readers, options.version)
         report("READY")
-        if options.restart:
-            browser.wait_for(CONNECTION_LOST, timeout)
-            report("LOST")
-            browser.wait_for(GREETING_SHOWN, timeout, readers, options.version)
-            report("BACK")
         if options.tag:
             browser.wait_for(TAG_LISTED, timeout, options.tag)
         if options.screenshot:
@@ -78,7 +65,6 @@ def main():
     parser.add_argument("--cert", required=True)
     parser.add_argument("--reader", action="append", default=[])
     parser.add_argument("--version", required=True)
-    parser.add_argument("--restart", action="store_true")
     parser.add_argument("--tag")
     parser.add_argument("--screenshot")
     parser.add_argument("--step-timeout", type=int, default=120000, help="milliseconds")

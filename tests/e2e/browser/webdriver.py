@@ -22,17 +22,9 @@ CHROMIUM = os.environ.get("TIV_CHROMIUM", "/usr/bin/chromium")
 CHROMEDRIVER = os.environ.get("TIV_CHROMEDRIVER", "/usr/bin/chromedriver")
 WEB_CLIENT_DIR = os.path.normpath(os.path.join(os.path.dirname(__file__), "../../../examples/web"))
 
-CHROMIUM_ARGS = [
-    "--headless=new",
-    "--no-sandbox",
-    "--disable-gpu",
-    "--disable-quic",
-    "--no-first-run",
-    "--disable-background-networking",
-    "--disable-component-update",
-    "--disable-sync",
-    "--window-size=1000,600",
-]
+CHROMIUM_ARGS = ["--headless=new", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+                 "--disable-background-networking", "--disable-component-update", "--disable-sync",
+                 "--window-size=1000,600"]
 
 # Runs in every document before its own scripts: keeps what the page logs, for the test to read.
 CONSOLE_CAPTURE = """
@@ -54,13 +46,11 @@ class WebDriverError(RuntimeError):
 
 def spki_fingerprint(certificate_file):
     """What --ignore-certificate-errors-spki-list takes: base64 of SHA-256 over the public key."""
-    public_key = subprocess.run(["openssl", "x509", "-in", certificate_file, "-noout", "-pubkey"],
-                                check=True, capture_output=True).stdout
-    der = subprocess.run(["openssl", "pkey", "-pubin", "-outform", "DER"], input=public_key,
-                         check=True, capture_output=True).stdout
-    digest = subprocess.run(["openssl", "dgst", "-sha256", "-binary"], input=der,
-                            check=True, capture_output=True).stdout
-    return base64.b64encode(digest).decode()
+    data = None
+    for command in (["x509", "-in", certificate_file, "-noout", "-pubkey"], ["pkey", "-pubin", "-outform", "DER"],
+                    ["dgst", "-sha256", "-binary"]):
+        data = subprocess.run(["openssl", *command], input=data, check=True, capture_output=True).stdout
+    return base64.b64encode(data).decode()
 
 
 def _free_port():
