@@ -65,10 +65,9 @@ void AcceptLoop::acceptInto(const Endpoint::connection_ptr& connection)
         return;
     }
     acceptor->async_accept(connection->get_raw_socket(),
-                           connection->get_strand()->wrap(
-                               [this, connection](const boost::system::error_code& ec) {
-                                   accepted(connection, ec);
-                               }));
+                           [this, connection](const boost::system::error_code& ec) {
+                               accepted(connection, ec);
+                           });
 }
 
 void AcceptLoop::accepted(const Endpoint::connection_ptr& connection,

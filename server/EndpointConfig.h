@@ -3,6 +3,7 @@
 #include "TlsSocketEndpoint.h"
 #include "UpgradeRequest.h"
 
+#include <websocketpp/concurrency/none.hpp>
 #include <websocketpp/config/asio.hpp>
 
 #include <cstddef>
@@ -16,8 +17,15 @@ struct EndpointConfig : public websocketpp::config::asio_tls
 
     using request_type = UpgradeRequest;
 
+    // One thread runs the endpoint and every connection, so the library's per-connection
+    // strands and locks would only cost each send a few mutexes and a hop through the queue.
+    using concurrency_type = websocketpp::concurrency::none;
+    static const bool enable_multithreading = false;
+
     struct transport_config : public base::transport_config
     {
+        using concurrency_type = type::concurrency_type;
+        static const bool enable_multithreading = false;
         using request_type = type::request_type;
         using socket_type = TlsSocket::endpoint;
 

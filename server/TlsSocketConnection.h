@@ -68,8 +68,8 @@ public:
     static websocketpp::lib::error_code translate_ec(websocketpp::lib::error_code ec) { return ec; }
 
 protected:
-    websocketpp::lib::error_code init_asio(io_service_ptr service, strand_ptr connectionStrand,
-                                           bool isServer)
+    // The endpoint runs on one thread without strands, so the strand given is always null.
+    websocketpp::lib::error_code init_asio(io_service_ptr service, strand_ptr, bool isServer)
     {
         namespace socket_errors = websocketpp::transport::asio::socket::error;
         if (!tlsInitHandler)
@@ -82,7 +82,6 @@ protected:
         socket = std::make_shared<socket_type>(*service, *context);
         if (socketInitHandler)
             socketInitHandler(hdl, *socket);
-        strand = std::move(connectionStrand);
         server = isServer;
         return websocketpp::lib::error_code();
     }
@@ -102,10 +101,7 @@ protected:
         };
         const auto role = server ? boost::asio::ssl::stream_base::server
                                  : boost::asio::ssl::stream_base::client;
-        if (strand)
-            socket->async_handshake(role, strand->wrap(done));
-        else
-            socket->async_handshake(role, done);
+        socket->async_handshake(role, done);
     }
 
     void set_handle(websocketpp::connection_hdl handle) { hdl = std::move(handle); }
@@ -130,14 +126,10 @@ protected:
 
     void async_shutdown(websocketpp::transport::asio::socket::shutdown_handler callback)
     {
-        if (strand)
-            socket->async_shutdown(strand->wrap(callback));
-        else
-            socket->async_shutdown(callback);
+        socket->async_shutdown(callback);
     }
 
 private:
-    strand_ptr strand;
     context_ptr context;
     socket_ptr socket;
     bool server = true;

@@ -32,6 +32,7 @@ WebsocketServer::WebsocketServer(unsigned short port, const QString& certFile,
     : accessLog(openLibraryLog(logPath + QStringLiteral("access.log")))
     , errorLog(openLibraryLog(logPath + QStringLiteral("error.log")))
     , tls(certFile, keyFile)
+    , ioContext(1)
     , strand(ioContext)
     , accept(endpoint, ioContext)
     , allowedOrigins(origins)

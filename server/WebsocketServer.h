@@ -82,7 +82,8 @@ private:
     std::unique_ptr<std::ostream> errorLog;
     TlsCredentials tls;
 
-    // Ours rather than the library's, so that the strand below can be made with it.
+    // Ours rather than the library's, so that the strand below can be made with it. Run by
+    // one thread only, which spares handlers posted from that thread the queue's lock.
     boost::asio::io_context ioContext;
     Endpoint endpoint;
     boost::asio::io_context::strand strand;

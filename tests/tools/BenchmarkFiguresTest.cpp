@@ -5,6 +5,10 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <chrono>
+
 namespace {
 
 TEST(BenchmarkFigures, PercentilesAreMeasuredValuesByNearestRank)
@@ -26,14 +30,17 @@ TEST(BenchmarkFigures, PercentilesAreMeasuredValuesByNearestRank)
     EXPECT_EQ(LatencySummary::of({}).count, 0);
 }
 
-TEST(BenchmarkFigures, CpuTicksSurviveOddCommandNames)
+TEST(BenchmarkFigures, CpuTimeCountsWorkFinerThanAClockTick)
 {
-    // utime 1500 and stime 250; the name holds spaces and a ')'.
-    const std::string stat = "4242 (tiv svc) (x)) S 1 4242 4242 0 -1 4194560 900 0 0 0 1500 250 0 0 20 0 5 0";
-    EXPECT_EQ(ProcessStats::cpuTicksFromStat(stat), 1750u);
-    EXPECT_FALSE(ProcessStats::cpuTicksFromStat("4242 (truncated) S 1 2"));
-    EXPECT_FALSE(ProcessStats::cpuTicksFromStat(""));
-
+    const std::optional<double> before = ProcessStats::cpuSeconds(::getpid());
+    ASSERT_TRUE(before);
+    // A few milliseconds of work: less than one 10 ms tick of /proc/<pid>/stat.
+    volatile unsigned sink = 0;
+    const auto start = std::chrono::steady_clock::now();
+    while (std::chrono::steady_clock::now() - start < std::chrono::milliseconds(3))
+        sink = sink + 1;
+    EXPECT_GT(*ProcessStats::cpuSeconds(::getpid()), *before);
+    EXPECT_FALSE(ProcessStats::cpuSeconds(-1));
 }
 
 TEST(BenchmarkFigures, ArrivalsCountEachClientsTagOnceAndIgnoreOthers)

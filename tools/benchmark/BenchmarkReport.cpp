@@ -67,13 +67,13 @@ void printIdle(std::ostream& out, int idleSeconds, const IdleResult& withReaders
 {
     out << std::left << std::setw(labelWidth + 2)
         << "Idle: " + std::to_string(idleSeconds) + " s each, no card, no client" << std::right << std::setw(22)
-        << "CPU (utime + stime)" << std::setw(12) << "VmRSS" << "\n";
+        << "CPU (run time)" << std::setw(12) << "VmRSS" << "\n";
     const auto row = [&](const std::string& label, const IdleResult& idle) {
         out << "  " << std::left << std::setw(labelWidth) << label << std::right;
         if (!idle.error.empty())
             out << "  " << idle.error << "\n";
         else
-            out << std::setw(22) << (idle.cpuPercent ? fixed(*idle.cpuPercent, 2, " % of a core") : "?")
+            out << std::setw(22) << (idle.cpuPercent ? fixed(*idle.cpuPercent, 3, " % of a core") : "?")
                 << std::setw(12) << (idle.residentKiB ? mib(*idle.residentKiB) : "?") << "\n";
     };
     row("both readers attached", withReaders);
@@ -106,6 +106,16 @@ void printFanOut(std::ostream& out, const BenchmarkReport& report)
     }
     out << "  (connect: until every client is open and greeted; VmRSS: the service's with the clients;\n"
            "   per client: that VmRSS less the service's VmRSS before any client, over the clients)\n\n";
+
+    // The clients run on the same cores, so the times above are partly theirs; this is not.
+    out << "The service's CPU time (all its threads)\n"
+        << "  clients  per connection (handshake, greeting)  per tap (read the card, TAG to all)\n";
+    for (const RoundResult& round : report.rounds) {
+        const auto cpu = [](const std::optional<double>& value) { return value ? fixed(*value, 3, " ms") : "-"; };
+        out << std::right << std::setw(9) << round.clients << std::setw(38) << cpu(round.cpuPerConnectionMs)
+            << std::setw(37) << cpu(round.cpuPerTapMs) << "\n";
+    }
+    out << "\n";
 }
 
 void printRestarts(std::ostream& out, const BenchmarkReport& report)
@@ -163,7 +173,7 @@ void printGoals(std::ostream& out, const BenchmarkReport& report)
         out << "  " << std::left << std::setw(labelWidth) << label << std::right << std::setw(16) << measured
             << std::setw(18) << goal << "\n";
     };
-    const auto idle = [](const IdleResult& r) { return r.cpuPercent ? fixed(*r.cpuPercent, 2, " %") : "-"; };
+    const auto idle = [](const IdleResult& r) { return r.cpuPercent ? fixed(*r.cpuPercent, 3, " %") : "-"; };
 
     const RoundResult* single = roundFor(report.rounds, 1);
     if (single && single->clients == 1) {

@@ -11,6 +11,9 @@ struct RoundResult
     int clients = 0;
     double connectSeconds = 0; // until every client is open and greeted
     long residentKiB = 0;      // the service's, with the clients connected
+    // The service's CPU time, all threads: whatever else runs on the machine, its own cost.
+    std::optional<double> cpuPerConnectionMs; // connecting and greeting, over the clients
+    std::optional<double> cpuPerTapMs;        // reading the card and sending the TAG to all
     std::vector<double> detection; // a plain PC/SC client sees the card
     std::vector<double> firstClient;
     std::vector<double> lastClient;

@@ -181,9 +181,13 @@ RoundResult BenchmarkRun::runRound(const ServiceStack& target, ReaderPresenceWat
     const CancelHook hook(*this, [&arrivals] { arrivals.cancel(); });
     WssClientGroup group(recordIn(arrivals));
     const auto connectStart = Clock::now();
+    const std::optional<double> cpuBeforeConnect = ProcessStats::cpuSeconds(target.servicePid());
     if (!connectClients(group, arrivals, target.port(), clients, &round.error))
         return round;
     round.connectSeconds = std::chrono::duration<double>(Clock::now() - connectStart).count();
+    const std::optional<double> cpuBeforeTaps = ProcessStats::cpuSeconds(target.servicePid());
+    if (cpuBeforeConnect && cpuBeforeTaps)
+        round.cpuPerConnectionMs = (*cpuBeforeTaps - *cpuBeforeConnect) * 1000.0 / clients;
     round.residentKiB = ProcessStats::residentKiB(target.servicePid()).value_or(0);
 
     progress(std::to_string(clients) + " client(s): " + std::to_string(taps) + " taps");
@@ -206,6 +210,9 @@ RoundResult BenchmarkRun::runRound(const ServiceStack& target, ReaderPresenceWat
         round.serviceShare.push_back(msBetween(times->seen, times->spread->last));
         round.firstToLast.push_back(msBetween(times->spread->first, times->spread->last));
     }
+    const std::optional<double> cpuAfterTaps = ProcessStats::cpuSeconds(target.servicePid());
+    if (cpuBeforeTaps && cpuAfterTaps && !round.lastClient.empty())
+        round.cpuPerTapMs = (*cpuAfterTaps - *cpuBeforeTaps) * 1000.0 / static_cast<double>(round.lastClient.size());
     if (cancelled && round.error.empty())
         round.error = "cancelled";
     group.closeAll(30s);

@@ -1,7 +1,5 @@
 #include "ProcessStats.h"
 
-#include <unistd.h>
-
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -27,38 +25,29 @@ std::optional<int> entriesOf(const std::string& directory)
 
 } // namespace
 
-std::optional<unsigned long long> cpuTicksFromStat(const std::string& stat)
-{
-    // The command name in parentheses may hold spaces and parentheses itself: the fields
-    // are counted from the last ')'.
-    const size_t nameEnd = stat.rfind(')');
-    if (nameEnd == std::string::npos)
-        return std::nullopt;
-    std::istringstream fields(stat.substr(nameEnd + 1));
-    std::string field;
-    // state is field 3; utime and stime are fields 14 and 15.
-    for (int number = 3; number < 14; ++number) {
-        if (!(fields >> field))
-            return std::nullopt;
-    }
-    unsigned long long user = 0;
-    unsigned long long system = 0;
-    if (!(fields >> user >> system))
-        return std::nullopt;
-    return user + system;
-}
-
 std::optional<double> cpuSeconds(long long pid)
 {
-    std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-    std::string stat;
-    if (!std::getline(file, stat))
+    // The run time of each thread in nanoseconds, where /proc/<pid>/stat counts whole clock
+    // ticks: too coarse for an idle service or a single tap.
+    std::error_code error;
+    std::filesystem::directory_iterator task("/proc/" + std::to_string(pid) + "/task", error);
+    if (error)
         return std::nullopt;
-    const std::optional<unsigned long long> ticks = cpuTicksFromStat(stat);
-    const long ticksPerSecond = ::sysconf(_SC_CLK_TCK);
-    if (!ticks || ticksPerSecond <= 0)
+    unsigned long long nanoseconds = 0;
+    bool any = false;
+    for (; task != std::filesystem::directory_iterator(); task.increment(error)) {
+        if (error)
+            return std::nullopt;
+        std::ifstream schedstat(task->path() / "schedstat");
+        unsigned long long running = 0;
+        if (schedstat >> running) {
+            nanoseconds += running;
+            any = true;
+        }
+    }
+    if (!any)
         return std::nullopt;
-    return static_cast<double>(*ticks) / static_cast<double>(ticksPerSecond);
+    return static_cast<double>(nanoseconds) / 1e9;
 }
 
 std::optional<long> residentKiB(long long pid)

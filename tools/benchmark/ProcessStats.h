@@ -6,9 +6,7 @@
 // What /proc says about one process.
 namespace ProcessStats {
 
-// utime + stime, in clock ticks, from the text of /proc/<pid>/stat.
-std::optional<unsigned long long> cpuTicksFromStat(const std::string& stat);
-// CPU time the process has used so far, user and system together.
+// CPU time the process's live threads have used so far, user and system together.
 std::optional<double> cpuSeconds(long long pid);
 // Resident memory (VmRSS), in KiB.
 std::optional<long> residentKiB(long long pid);

@@ -11,17 +11,13 @@
 #endif
 
 // The installed service gets its certificate from the packaging script, so the tests and the
-// demo use the same one: what works here works after an install. An EC key, though: tests make
-// many certificates, and they expect ECDSA suites from this one.
+// demo use the same one: what works here works after an install.
 TestCertificate::TestCertificate()
 {
     if (!tempDir.isValid())
         throw std::runtime_error("TestCertificate: no temporary directory");
     QProcess script;
     script.setProcessChannelMode(QProcess::MergedChannels);
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("TIV_CERTIFICATE_KEY_OPTIONS"), QStringLiteral("ec -pkeyopt ec_paramgen_curve:P-256"));
-    script.setProcessEnvironment(environment);
     script.start(QStringLiteral("sh"), {QStringLiteral(TIV_CERTIFICATE_SCRIPT), certFile(), keyFile()});
     if (!script.waitForFinished(60000) || script.exitStatus() != QProcess::NormalExit || script.exitCode() != 0)
         throw std::runtime_error("TestCertificate: the certificate script failed: "
