@@ -8,7 +8,7 @@ status=0
 cat "$out"
 [ "$status" -eq 0 ] || { echo "FAIL: exit status $status"; exit 1; }
 for expected in 'Tap to message: 3 taps, 1 client' 'a plain PC/SC client sees the card' \
-  'CPU (run time)' 'per connection (handshake, greeting)' 'both readers attached' 'pcscd up with no reader attached' \
+  'CPU (run time)' 'per connection (handshake, greeting)' 'the same over plain TCP (the floor)' 'both readers attached' 'pcscd up with no reader attached' \
   'Fan-out: from the tap until the last client has the TAG' 'first to last client' \
   'pcscd killed and started again: 1 of 1 cycles' 'Against the goals'; do
   grep -qF -- "$expected" "$out" || { echo "FAIL: missing '$expected'"; exit 1; }

@@ -105,7 +105,13 @@ void printFanOut(std::ostream& out, const BenchmarkReport& report)
             out << "           stopped early: " << round.error << "\n";
     }
     out << "  (connect: until every client is open and greeted; VmRSS: the service's with the clients;\n"
-           "   per client: that VmRSS less the service's VmRSS before any client, over the clients)\n\n";
+           "   per client: that VmRSS less the service's VmRSS before any client, over the clients)\n";
+    for (const RoundResult& round : report.rounds) {
+        if (round.plainTcpFloorMs)
+            out << "  floor at " << round.clients << ": " << ms(*round.plainTcpFloorMs) << " from the first to the last of "
+                << round.clients << " plain TCP writes (one thread writes, another reads)\n";
+    }
+    out << "\n";
 
     // The clients run on the same cores, so the times above are partly theirs; this is not.
     out << "The service's CPU time (all its threads)\n"
@@ -187,6 +193,8 @@ void printGoals(std::ostream& out, const BenchmarkReport& report)
     if (const RoundResult* r = roundFor(report.rounds, 1000)) {
         row("fan-out first to last p50, " + std::to_string(r->clients) + " clients",
             ms(LatencySummary::of(r->firstToLast).p50), "15 ms at 1000");
+        if (r->plainTcpFloorMs)
+            row("  the same over plain TCP (the floor)", ms(*r->plainTcpFloorMs), "");
         row("connect and greet " + std::to_string(r->clients) + " clients", fixed(r->connectSeconds, 2, " s"),
             "0.8 s at 1000");
     }

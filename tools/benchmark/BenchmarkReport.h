@@ -19,6 +19,7 @@ struct RoundResult
     std::vector<double> lastClient;
     std::vector<double> serviceShare; // from detection to the last client
     std::vector<double> firstToLast;
+    std::optional<double> plainTcpFloorMs; // first to last, plain TCP writes instead of TAGs
     std::string error;
 };
 

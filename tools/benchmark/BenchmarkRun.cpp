@@ -1,6 +1,7 @@
 #include "BenchmarkRun.h"
 
 #include "CardPersonality.h"
+#include "PlainTcpFanOut.h"
 #include "ProcessStats.h"
 #include "ReaderPresenceWatch.h"
 #include "ServiceStack.h"
@@ -33,6 +34,8 @@ const int restartClients = 10;
 const auto pcscdDownTime = 1s;
 const auto tapAfterReturn = 1s;
 const auto restartDeadline = 20s;
+// Rounds of the plain TCP writes each fan-out is set beside.
+const int floorRounds = 10;
 
 double msBetween(Clock::time_point from, Clock::time_point to)
 {
@@ -216,6 +219,8 @@ RoundResult BenchmarkRun::runRound(const ServiceStack& target, ReaderPresenceWat
     if (cancelled && round.error.empty())
         round.error = "cancelled";
     group.closeAll(30s);
+    if (clients > 1 && round.error.empty())
+        round.plainTcpFloorMs = plainTcpFanOutMs(clients, floorRounds);
     return round;
 }
 
