@@ -55,13 +55,4 @@ TEST(PCSCMonitor, StopDuringThePauseEndsTheLoopWithoutAnotherAttemptOrSignal)
     EXPECT_FALSE(signalled.load());
 }
 
-TEST(PCSCMonitor, StopBeforeTheLoopStartsIsNotForgotten)
-{
-    std::atomic<int> attempts{0};
-    PCSCMonitor monitor([&] { ++attempts; return true; });
-    monitor.stop();
-    monitor.process();
-    EXPECT_EQ(attempts.load(), 0);
-}
-
 } // namespace

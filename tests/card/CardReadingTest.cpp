@@ -20,34 +20,6 @@ Reply answer(Bytes bytes)
 
 using CardReading = FakeStack;
 
-TEST_F(CardReading, ReadsEachCardByItsAtrWithinATransactionAndResetsItAfterwards)
-{
-    stack.readers = {"Tag", "Acos", "Contact", "Inverse"};
-    stack.cards["Tag"] = tag({0x04, 0xA1, 0x0B, 0x7F});
-    stack.cards["Acos"] = acosCard({0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x08});
-    // Direct convention without the ACOS mark is read as a tag; inverse convention not at all.
-    stack.cards["Contact"] = Card{{0x3B, 0x00}, tag({0x11, 0x22}).respond};
-    stack.cards["Inverse"] = Card{{0x3F, 0x02, 0x41, 0x01}, acosCard({1}).respond};
-
-    run();
-    const Lines reading = journalEntries([](const std::string& entry) {
-        return entry.rfind("Wait", 0) != 0 && entry.rfind("List", 0) != 0;
-    });
-    EXPECT_EQ(reading, (Lines{"Establish", "connect Tag", "connect Acos", "connect Contact", "connect Inverse",
-                                    "Connect Tag", "Begin", "Status", "Transmit ff ca 00 00 00", "rfid 04a10b7f",
-                                    "End 0", "Disconnect 1",
-                                    "Connect Acos", "Begin", "Status", "Transmit 80 a4 00 00 02 ff 00",
-                                    "Transmit 80 b2 00 00 08", "sc 0102030405060708", "Transmit 80 a4 00 00 02 00 01",
-                                    "End 0", "Disconnect 1",
-                                    "Connect Contact", "Begin", "Status", "Transmit ff ca 00 00 00", "rfid 1122",
-                                    "End 0", "Disconnect 1",
-                                    "Connect Inverse", "Begin", "Status", "End 0", "Disconnect 1", "Cancel",
-                                    "disconnect Tag", "disconnect Acos", "disconnect Contact",
-                                    "disconnect Inverse"}));
-    for (const char* kind : {"Got RFID tag.", "Got ACOS smart card.", "Got unknown card."})
-        EXPECT_TRUE(logged({kind})) << kind;
-}
-
 TEST_F(CardReading, OnlyAWellFormedAnswerYieldsAnIdentifierAndACardOnceConnectedIsReleased)
 {
     const Card acos = acosCard({0x01, 0x02, 0x03, 0x04, 0x05, 0x06, 0x07, 0x08});

@@ -36,35 +36,6 @@ TEST(CardType, FollowsTheInterfaceBytesToTheAcosMarkWithoutReadingPastTheEnd)
     }
 }
 
-TEST(ErrorMessage, HasTextsForTheDocumentedCodesOnly)
-{
-    SmartCardController controller;
-    const auto text = [&](quint32 code) { return controller.getErrorMessage(static_cast<int>(code)); };
-    // Both ends of the table and each side of its gaps.
-    EXPECT_EQ(text(0x80100001), "An internal consistency check failed.");
-    EXPECT_EQ(text(0x80100019), "The PCI receive buffer was too small.");
-    EXPECT_EQ(text(0x80100065),
-              "The reader cannot communicate with the card due to ATR string configuration conflicts.");
-    EXPECT_EQ(text(0x80100069), "The smart card has been removed and no further communication is possible.");
-
-    for (quint32 code : {0x0u, 0xFFFFFFFFu, 0x80100000u, 0x80100018u, 0x80100064u, 0x8010006Au})
-        EXPECT_EQ(text(code), "Error is not documented.") << std::hex << code;
-}
-
-TEST(ReaderState, IsTheCurrentStateOfTheFirstRecordOfThatName)
-{
-    SCARD_READERSTATE states[3] = {}; // the last one without a name
-    states[0].szReader = states[1].szReader = "B";
-    states[0].dwCurrentState = SCARD_STATE_PRESENT;
-    states[0].dwEventState = states[1].dwCurrentState = SCARD_STATE_EMPTY;
-
-    SmartCardController controller;
-    EXPECT_EQ(controller.getReaderState("B", states, 3), DWORD(SCARD_STATE_PRESENT));
-    EXPECT_EQ(controller.getReaderState("C", states, 3), 0u);
-    EXPECT_EQ(controller.getReaderState("B", states, 0), 0u);
-    EXPECT_EQ(controller.getReaderState("B", nullptr, 3), DWORD(SCARD_STATE_UNKNOWN));
-}
-
 TEST(ReaderName, IsUtf8WhenValidAndLatin1OtherwiseSoNoTwoNamesLookAlikeByAccident)
 {
     const struct

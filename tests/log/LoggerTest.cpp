@@ -5,7 +5,6 @@
 #include <QDateTime>
 #include <QDir>
 #include <QRegularExpression>
-#include <QSignalSpy>
 #include <QStringList>
 #include <QTemporaryDir>
 
@@ -74,56 +73,6 @@ TEST_F(LoggerTest, FilteredStatementsAreNotEvaluated)
     EXPECT_TRUE(lines[0].startsWith("WARN  "));
 }
 
-TEST_F(LoggerTest, DestinationsGetLinesInOrderUntilDestroyInstance)
-{
-    DestinationPtr second =
-        DestinationFactory::MakeFunctorDestination([](const QString& line, Level) { lines << "again:" + line; });
-    const QWeakPointer<Destination> released = second;
-    Logger::instance().addDestination(std::move(second));
-    TLOG_INFO() << "a";
-    TLOG_ERROR() << "b";
-    ASSERT_EQ(lines.size(), 4);
-    EXPECT_TRUE(lines[0].startsWith("INFO") && lines[1].startsWith("again:INFO"));
-    EXPECT_TRUE(lines[2].startsWith("ERROR") && lines[3].startsWith("again:ERROR"));
-
-    Logger::instance().setLoggingLevel(LevelError);
-    Logger::destroyInstance();
-    EXPECT_TRUE(released.isNull());
-    EXPECT_EQ(Logger::instance().loggingLevel(), LevelInfo);
-    TLOG_WARN() << "goes nowhere";
-    EXPECT_EQ(lines.size(), 4);
-}
-
-TEST(DebugOutputDestination, WritesEachLineWithALineFeed)
-{
-    auto console = DestinationFactory::MakeDebugOutputDestination();
-    testing::internal::CaptureStderr();
-    console->write("hello", LevelInfo);
-    console->write(QString(), LevelInfo);
-    EXPECT_EQ(capturedStderr(), "hello\n\n");
-}
-
-class Receiver : public QObject
-{
-    Q_OBJECT
-signals:
-    void line(const QString& message, int level);
-};
-
-// A function gets every level (the tests above record through one); a receiver is spared the
-// busiest level, and gets the rest queued.
-TEST(FunctorDestination, ReceiverGetsLinesAboveTraceQueued)
-{
-    Receiver receiver;
-    QSignalSpy received(&receiver, &Receiver::line);
-    auto signal = DestinationFactory::MakeFunctorDestination(&receiver, SIGNAL(line(QString,int)));
-    signal->write("t", LevelTrace);
-    signal->write("d", LevelDebug);
-    EXPECT_EQ(received.count(), 0); // nothing before the event loop runs
-    ASSERT_TRUE(received.wait(10000));
-    EXPECT_EQ(received, QList<QVariantList>({{"d", int(LevelDebug)}}));
-}
-
 TEST(FileDestination, LinesFromManyThreadsStayWholeAcrossRotations)
 {
     QTemporaryDir dir;
@@ -187,4 +136,3 @@ TEST(Timestamp, FirstLinesOfManyThreadsAtOnceAllCarryAWellFormedOne)
 
 } // namespace
 
-#include "LoggerTest.moc"

@@ -151,12 +151,3 @@ TEST_F(RunningServer, StopEndsRunWithClientsConnectedEachStartEmptiesTheLibraryL
     EXPECT_TRUE(after.connect(port)) << after.lastError().toStdString();
 }
 
-TEST_F(RunningServer, ASecondServerOnTheSamePortFailsInitAndEnds)
-{
-    ServerThread second(port, cert.certFile(), cert.keyFile(), logPrefix(), nullptr);
-    second.start();
-    EXPECT_FALSE(second.waitForInit());
-    EXPECT_TRUE(second.wait(30000));
-    EXPECT_TRUE(LogCapture::instance().contains("Could not create server:"));
-    EXPECT_NO_THROW(second.sendToAll("nobody to send to"));
-}

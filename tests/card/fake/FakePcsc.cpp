@@ -103,7 +103,7 @@ bool isNotificationReader(const std::string& name)
 
 bool isKnown(const std::vector<std::string>& readers, const std::string& name)
 {
-    return std::count(readers.begin(), readers.end(), name) > 0 || (isNotificationReader(name) && stack.notifications);
+    return std::count(readers.begin(), readers.end(), name) > 0 || isNotificationReader(name);
 }
 
 bool takeCancel()
@@ -214,7 +214,7 @@ bool fillIn(SCARD_READERSTATE* records, DWORD count, const std::vector<std::stri
     for (DWORD i = 0; i < count; ++i) {
         SCARD_READERSTATE& record = records[i];
         const std::string reader = record.szReader ? record.szReader : "";
-        if (isNotificationReader(reader) && stack.notifications) {
+        if (isNotificationReader(reader)) {
             const bool changed = stack.readers != readersBefore;
             record.dwEventState = changed ? SCARD_STATE_CHANGED : 0;
             anyChanged = anyChanged || changed;
@@ -250,13 +250,6 @@ LONG SCardGetStatusChange(SCARDCONTEXT context, DWORD timeout, SCARD_READERSTATE
     stack.journal.push_back("Wait " + std::to_string(timeout) + " " + std::to_string(count));
     if (context != establishedContext || (!records && count > 0) || count > PCSCLITE_MAX_READERS_CONTEXTS)
         return SCARD_E_INVALID_PARAMETER;
-    if (stack.unknownReaderFails) {
-        for (DWORD i = 0; i < count; ++i) {
-            if (!isKnown(stack.readers, records[i].szReader ? records[i].szReader : ""))
-                return SCARD_E_UNKNOWN_READER;
-        }
-    }
-
     // What already differs from what the caller knows is told at once, and no time passes.
     const std::vector<std::string> readersBefore = stack.readers;
     const bool scriptedToFail = stack.failures.count("Wait") || stack.failOnce.count("Wait");
