@@ -79,13 +79,6 @@ Card acosCard(Bytes mcuId)
             }};
 }
 
-Card answering(Card card, const Bytes& command, Reply reply)
-{
-    const auto normal = card.respond;
-    card.respond = [=](const Bytes& received) { return received == command ? reply : normal(received); };
-    return card;
-}
-
 Stack stack;
 
 namespace {

@@ -29,8 +29,6 @@ struct Card
 // Cards that answer the way the service expects of them.
 Card tag(Bytes uid);
 Card acosCard(Bytes mcuId);
-// The card, except that it answers `command` with `reply`.
-Card answering(Card card, const Bytes& command, Reply reply);
 
 struct Stack
 {
