@@ -1,35 +1,19 @@
-// The service binary as a black box: signals, start failures, daemon mode and the settings
-// file it leaves behind.
+// The service binary as a black box: settings, signals and start failures.
 #include "ServiceFixture.h"
 #include "TakenPort.h"
-#include "TestWsClient.h"
 
-#include <QDir>
 #include <QFile>
-#include <QFileInfo>
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 
 #include <csignal>
-#include <sys/prctl.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace {
 
-class ServiceProcessTest : public ServiceFixture
-{
-protected:
-    void startAndWaitUntilServing()
-    {
-        ASSERT_TRUE(service.start());
-        // Serving, with the monitor waiting for a PC/SC service that never comes.
-        ASSERT_TRUE(service.waitForLog(QStringLiteral("No PCSC running, starting monitor thread.")));
-    }
-};
+using ServiceProcessTest = ServiceFixture;
 
 TEST_F(ServiceProcessTest, StartUpWarnsAboutNonsenseSettingsRaisesTheDescriptorLimitAndIgnoresSighup)
 {
@@ -43,6 +27,7 @@ TEST_F(ServiceProcessTest, StartUpWarnsAboutNonsenseSettingsRaisesTheDescriptorL
     const bool started = service.start();
     ::setrlimit(RLIMIT_NOFILE, &own);
     ASSERT_TRUE(started);
+    // Serving, with the monitor waiting for a PC/SC service that never comes.
     ASSERT_TRUE(service.waitForLog(QStringLiteral("No PCSC running, starting monitor thread.")));
 
     QFile limits(QStringLiteral("/proc/%1/limits").arg(service.pid()));
@@ -84,75 +69,6 @@ TEST_F(ServiceProcessTest, StartFailuresEndTheServiceWithStatusZero)
     ASSERT_TRUE(portTaken.waitForExit());
     EXPECT_EQ(portTaken.exitCode(), 0);
     EXPECT_TRUE(portTaken.appLog().contains(QStringLiteral("Could not create server:"))) << portTaken.appLog().toStdString();
-}
-
-TEST_F(ServiceProcessTest, AllowedOriginsSettingRefusesOtherPages)
-{
-    service.writeSettings({{QStringLiteral("allowedorigins"), QStringLiteral("https://kiosk.example")}});
-    startAndWaitUntilServing();
-
-    TestWsClient foreign;
-    foreign.setOrigin(QStringLiteral("https://elsewhere.example"));
-    EXPECT_FALSE(foreign.connect(port));
-    EXPECT_EQ(foreign.httpStatus(), 403);
-
-    TestWsClient kiosk;
-    kiosk.setOrigin(QStringLiteral("https://kiosk.example"));
-    EXPECT_TRUE(kiosk.connect(port)) << kiosk.lastError().toStdString();
-}
-
-// Finds the process whose environment carries `marker`; 0 if there is none.
-pid_t findProcessWithEnvironment(const QByteArray& marker)
-{
-    const QStringList entries = QDir(QStringLiteral("/proc")).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
-    for (const QString& entry : entries) {
-        bool isPid = false;
-        const pid_t pid = entry.toInt(&isPid);
-        if (!isPid)
-            continue;
-        QFile environ(QStringLiteral("/proc/%1/environ").arg(pid));
-        if (environ.open(QIODevice::ReadOnly) && environ.readAll().split('\0').contains(marker))
-            return pid;
-    }
-    return 0;
-}
-
-std::string linkTarget(const QString& path)
-{
-    return QFileInfo(path).symLinkTarget().toStdString();
-}
-
-TEST_F(ServiceProcessTest, DaemonDetachesIntoTheRootDirectoryWithNullStdio)
-{
-    // Orphans are handed to this process, so the daemon can be reaped and its status seen.
-    ASSERT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
-    const QByteArray marker = "TIV_TEST_DAEMON_MARKER=" + service.dir().toUtf8();
-    service.setEnvironment(QStringLiteral("TIV_TEST_DAEMON_MARKER"), service.dir());
-    ASSERT_TRUE(service.start({QStringLiteral("--daemon")}));
-    ASSERT_TRUE(service.waitForExit());
-    EXPECT_EQ(service.exitCode(), 1) << "the launching process always reports 1";
-
-    // Only the detached process gets as far as serving.
-    ASSERT_TRUE(service.waitForLog(QStringLiteral("No PCSC running, starting monitor thread.")));
-    const pid_t daemonPid = findProcessWithEnvironment(marker);
-    ASSERT_NE(daemonPid, 0);
-
-    EXPECT_EQ(linkTarget(QStringLiteral("/proc/%1/cwd").arg(daemonPid)), "/");
-    for (int fd = 0; fd <= 2; ++fd)
-        EXPECT_EQ(linkTarget(QStringLiteral("/proc/%1/fd/%2").arg(daemonPid).arg(fd)), "/dev/null");
-    QFile status(QStringLiteral("/proc/%1/status").arg(daemonPid));
-    ASSERT_TRUE(status.open(QIODevice::ReadOnly));
-    EXPECT_TRUE(status.readAll().contains("Umask:\t0027"));
-    EXPECT_NE(::getsid(daemonPid), ::getsid(0)) << "the daemon leads a session of its own";
-
-    ::kill(daemonPid, SIGTERM);
-    int daemonStatus = -1;
-    ASSERT_EQ(::waitpid(daemonPid, &daemonStatus, 0), daemonPid);
-    EXPECT_TRUE(WIFEXITED(daemonStatus) && WEXITSTATUS(daemonStatus) == 0);
-    EXPECT_EQ(service.readSettings().size(), 4);
-
-    while (::waitpid(-1, nullptr, WNOHANG) > 0) {
-    }
 }
 
 } // namespace

@@ -87,25 +87,6 @@ TEST_F(FileDestinationTest, RotationFollowsTheUtf8SizeAndKeepsAtMostTenBackupsIn
     QTextCodec::setCodecForLocale(nullptr);
 }
 
-TEST_F(FileDestinationTest, FileThatCannotBeOpenedIsReportedOnceAndPickedUpWithANoteOfTheLostLines)
-{
-    testing::internal::CaptureStderr();
-    auto destination = make(1000, 5, "missing/app.log");
-    destination->write("lost", LevelInfo);
-    destination->write("lost too", LevelInfo);
-    EXPECT_EQ(capturedStderr(), "Log: could not open log file " + local("missing/app.log") + "\n");
-    EXPECT_FALSE(destination->isValid());
-
-    ASSERT_TRUE(QDir(dir.path()).mkpath("missing"));
-    destination->write("back", LevelInfo);
-    EXPECT_TRUE(destination->isValid());
-    const QString text = QString::fromUtf8(files("missing")["app.log"]);
-    EXPECT_TRUE(QRegularExpression(R"(^WARN  \S{23} Log: lines lost while the file could not be written: 2\nback\n$)")
-                    .match(text)
-                    .hasMatch())
-        << text.toStdString();
-}
-
 TEST_F(FileDestinationTest, LogAndBackupsAreNeverWorldReadableWhateverTheUmask)
 {
     create({{"app.log", "from an older run\n"}});

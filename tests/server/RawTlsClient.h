@@ -50,22 +50,15 @@ public:
         return ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
     }
 
-    // Offers only these TLS 1.2 suites when given; false when the server refuses them all.
-    bool startTls(const char* cipherList = nullptr)
+    bool startTls()
     {
         context = SSL_CTX_new(TLS_client_method());
-        SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
         SSL_CTX_set_max_proto_version(context, TLS1_2_VERSION);
-        // Level 0, so that OpenSSL lets the client offer the weak suites the server must refuse.
-        SSL_CTX_set_security_level(context, 0);
-        if (cipherList && SSL_CTX_set_cipher_list(context, cipherList) != 1)
-            return false;
         ssl = SSL_new(context);
         SSL_set_fd(ssl, fd);
         return SSL_connect(ssl) == 1;
     }
     bool connect(quint16 port) { return connectTcp(port) && startTls(); }
-    QByteArray negotiatedCipher() const { return ssl ? QByteArray(SSL_get_cipher_name(ssl)) : QByteArray(); }
 
     bool write(const QByteArray& bytes)
     {

@@ -111,35 +111,22 @@ class Chromium:
         self.process.wait()
 
 
-class Demo:
-    """tiv-demo fed commands through its standard input."""
-
-    def __init__(self, program, port):
-        self.process = subprocess.Popen([program, "--port", str(port)], stdin=subprocess.PIPE,
-                                        stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
-        self.readers = []
-        for line in self.process.stdout:
-            note(f"demo: {line.rstrip()}")
-            if found := re.search(r"running on wss://127\.0\.0\.1:(\d+)", line):
-                self.port = int(found[1])
-            if found := re.match(r'\s*reader \d = "(.*)"', line):
-                self.readers.append(found[1])
-            if len(self.readers) == 2:
-                break
-        if len(self.readers) != 2:
-            raise RuntimeError("tiv-demo did not start")
-        threading.Thread(target=lambda: [note(f"demo: {line.rstrip()}") for line in self.process.stdout],
-                         daemon=True).start()
-
-    def send(self, command):
-        self.process.stdin.write(command + "\n")
-        self.process.stdin.flush()
-
-    def quit(self):
-        if self.process.poll() is None:
-            self.send("quit")
-        if self.process.wait(TIMEOUT) != 0:
-            raise RuntimeError(f"tiv-demo ended with status {self.process.returncode}")
+def start_demo(program):
+    """tiv-demo, fed commands through its standard input, with its port and its readers."""
+    demo = subprocess.Popen([program, "--port", "0"], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                            stderr=subprocess.STDOUT, text=True, bufsize=1)
+    port, readers = None, []
+    for line in demo.stdout:
+        note(f"demo: {line.rstrip()}")
+        if found := re.search(r"running on wss://127\.0\.0\.1:(\d+)", line):
+            port = int(found[1])
+        if found := re.match(r'\s*reader \d = "(.*)"', line):
+            readers.append(found[1])
+        if len(readers) == 2:
+            threading.Thread(target=lambda: [note(f"demo: {line.rstrip()}") for line in demo.stdout],
+                             daemon=True).start()
+            return demo, port, sorted(readers)
+    raise RuntimeError("tiv-demo did not start")
 
 
 def main(demo_program, web_client, version):
@@ -151,25 +138,25 @@ def main(demo_program, web_client, version):
     threading.Thread(target=site.serve_forever, daemon=True).start()
     demo = browser = None
     try:
-        demo = Demo(demo_program, 0)
+        demo, port, readers = start_demo(demo_program)
         browser = Chromium(home)
         browser.call("Page.navigate", browser.session,
-                     url=f"http://127.0.0.1:{site.server_address[1]}/index.html?port={demo.port}")
-        greeted = lambda page: (page["state"] == "connected" and page["version"] == version
-                                and page["readers"] == sorted(demo.readers))
+                     url=f"http://127.0.0.1:{site.server_address[1]}/index.html?port={port}")
+        greeted = lambda page: page["state"] == "connected" and page["version"] == version and page["readers"] == readers
         browser.wait_for("greeting", greeted)
-        demo.send("tag 0 04a10b7f")
+        demo.stdin.write("tag 0 04a10b7f\n")
         browser.wait_for("tag", lambda page: "TAG 04a10b7f" in page["reads"])
 
         browser.evaluate("window.sockets[0].send('x'.repeat(70000))")
         page = browser.wait_for("new greeting", lambda page: page["sockets"] == 2 and greeted(page))
         if "TAG 04a10b7f" not in page["reads"]:
             raise AssertionError(f"the reads were not kept: {page}")
-        demo.quit()
-        demo = None
+        demo.stdin.write("quit\n")
+        if demo.wait(TIMEOUT) != 0:
+            raise RuntimeError(f"tiv-demo ended with status {demo.returncode}")
     finally:
-        if demo:
-            demo.process.kill()
+        if demo and demo.poll() is None:
+            demo.kill()
         if browser:
             browser.close()
         site.shutdown()
