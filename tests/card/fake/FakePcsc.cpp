@@ -70,15 +70,6 @@ Card tag(Bytes uid)
             [uid](const Bytes& command) { return command == readUid ? withStatus(uid) : notSupported; }};
 }
 
-Card acosCard(Bytes mcuId)
-{
-    return {{0x3B, 0x02, 0x41, 0x01}, [mcuId](const Bytes& command) {
-                if (command.size() == 7 && command[0] == 0x80 && command[1] == 0xA4)
-                    return withStatus({});
-                return command == Bytes{0x80, 0xB2, 0x00, 0x00, 0x08} ? withStatus(mcuId) : notSupported;
-            }};
-}
-
 Stack stack;
 
 namespace {

@@ -26,9 +26,8 @@ struct Card
     std::function<Reply(const Bytes& command)> respond;
 };
 
-// Cards that answer the way the service expects of them.
+// A tag that answers READ UID the way the service expects.
 Card tag(Bytes uid);
-Card acosCard(Bytes mcuId);
 
 struct Stack
 {
