@@ -1,4 +1,3 @@
-#include "ReaderName.h"
 #include "SmartCardController.h"
 
 #include <gtest/gtest.h>
@@ -34,25 +33,6 @@ TEST(CardType, FollowsTheInterfaceBytesToTheAcosMarkWithoutReadingPastTheEnd)
         const QVector<unsigned char> atr(cases[i].atr.begin(), cases[i].atr.end());
         EXPECT_EQ(controller.getCardType(atr), cases[i].expected) << "case " << i;
     }
-}
-
-TEST(ReaderName, IsUtf8WhenValidAndLatin1OtherwiseSoNoTwoNamesLookAlikeByAccident)
-{
-    const struct
-    {
-        std::string bytes;
-        QString text;
-    } cases[] = {
-        {"Reader 00 00", QStringLiteral("Reader 00 00")},
-        {"Caf\xC3\xA9 \xF0\x9F\x92\xB3", QString::fromUtf8("Caf\xC3\xA9 \xF0\x9F\x92\xB3")},
-        {"\xEF\xBB\xBF" "BOM", QChar(0xFEFF) + QStringLiteral("BOM")}, // kept, not eaten
-        {"Caf\xE9", QString::fromUtf8("Caf\xC3\xA9")},                                      // Latin-1
-        {"cut \xC3", QString::fromUtf8("cut \xC3\x83")},                                      // truncated
-        {"\xC0\xAF", QString::fromUtf8("\xC3\x80\xC2\xAF")},                                // overlong
-        {"\xED\xA0\x80", QString::fromUtf8("\xC3\xAD\xC2\xA0\xC2\x80")},                  // surrogate
-    };
-    for (const auto& c : cases)
-        EXPECT_EQ(ReaderName::toText(c.bytes), c.text) << c.bytes;
 }
 
 } // namespace

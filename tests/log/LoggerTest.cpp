@@ -3,10 +3,8 @@
 #include "LogTestSupport.h"
 
 #include <QDateTime>
-#include <QDir>
 #include <QRegularExpression>
 #include <QStringList>
-#include <QTemporaryDir>
 
 #include <atomic>
 #include <thread>
@@ -71,29 +69,6 @@ TEST_F(LoggerTest, FilteredStatementsAreNotEvaluated)
     EXPECT_EQ(evaluations, 1);
     ASSERT_EQ(lines.size(), 1);
     EXPECT_TRUE(lines[0].startsWith("WARN  "));
-}
-
-TEST(FileDestination, LinesFromManyThreadsStayWholeAcrossRotations)
-{
-    QTemporaryDir dir;
-    Logger::instance().addDestination(DestinationFactory::MakeFileDestination(
-        dir.filePath("app.log"), LogRotationEnabled, MaxSizeBytes(8192), MaxOldLogCount(10)));
-    const auto logLines = [](int thread) {
-        for (int i = 0; i < 200; ++i)
-            TLOG_WARN() << "thread" << thread << "line" << i;
-    };
-    std::thread threads[] = {std::thread(logLines, 0), std::thread(logLines, 1), std::thread(logLines, 2),
-                             std::thread(logLines, 3)};
-    for (std::thread& thread : threads)
-        thread.join();
-    Logger::destroyInstance(); // closes the file
-
-    QByteArray all;
-    for (const QFileInfo& file : QDir(dir.path()).entryInfoList(QDir::Files))
-        all += readFile(file.filePath());
-    const QStringList lines = QString::fromUtf8(all).split('\n', Qt::SkipEmptyParts);
-    EXPECT_EQ(lines.size(), 800);
-    EXPECT_EQ(lines.filter(QRegularExpression(R"(^WARN  \S{23} thread \d line \d+ $)")), lines);
 }
 
 // The first timestamps of a process are the fragile ones: made by several threads at once, a few

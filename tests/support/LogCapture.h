@@ -5,11 +5,9 @@
 #include <QStringList>
 
 #include <algorithm>
-#include <cstdio>
 #include <mutex>
 
 // Keeps every log line so tests can look for what the code under test reported.
-// TIV_TEST_LOG=1 also echoes the lines while a failing test is looked into.
 class LogCapture : public Log::Destination
 {
 public:
@@ -34,8 +32,6 @@ public:
     {
         std::lock_guard<std::mutex> lock(mutex);
         captured << message;
-        if (echo)
-            std::fprintf(stderr, "%s\n", message.toLocal8Bit().constData());
     }
     bool isValid() override { return true; }
 
@@ -65,7 +61,6 @@ public:
 
 private:
     LogCapture() = default;
-    const bool echo = qEnvironmentVariableIntValue("TIV_TEST_LOG") != 0;
     mutable std::mutex mutex;
     QStringList captured;
 };
