@@ -109,9 +109,6 @@ TEST_F(CardLoop, LossOfTheServiceEndsTheLoopWithEveryReaderGone)
         EXPECT_EQ(LogCapture::instance().count({"PC/SC service lost:", QString::number(qint32(loss.result))}), 1);
         EXPECT_EQ(calls("Cancel"), Lines{}) << "the loop ended without a stop";
     }
-    for (const LONG other : {SCARD_E_TIMEOUT, SCARD_E_UNKNOWN_READER, SCARD_E_READER_UNAVAILABLE, SCARD_E_CANCELLED,
-                             SCARD_E_NO_READERS_AVAILABLE, SCARD_W_REMOVED_CARD})
-        EXPECT_FALSE(PcscService::isServiceLoss(other)) << other;
 }
 
 TEST_F(CardLoop, ReaderNamesGoBackToPcscAsTheyCameAndToClientsAsValidText)

@@ -93,8 +93,6 @@ public:
         QByteArray frame(1, char(0x80 | opcode));
         if (length < 126) {
             frame.append(char(0x80 | length));
-        } else if (length < 65536) {
-            frame.append(char(0x80 | 126)).append(char(length >> 8)).append(char(length & 0xff));
         } else {
             frame.append(char(0x80 | 127));
             for (int shift = 56; shift >= 0; shift -= 8)
@@ -112,13 +110,12 @@ public:
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
         char buffer[4096];
         while (std::chrono::steady_clock::now() < deadline) {
-            const int got = ssl ? SSL_read(ssl, buffer, sizeof buffer) : int(::recv(fd, buffer, sizeof buffer, 0));
+            const int got = SSL_read(ssl, buffer, sizeof buffer);
             if (got > 0)
                 continue;
             // The receive time-out passed: still open.
-            const int error = ssl ? SSL_get_error(ssl, got) : 0;
-            const bool timedOut = ssl ? error == SSL_ERROR_WANT_READ || (error == SSL_ERROR_SYSCALL && errno == EAGAIN)
-                                      : got < 0 && errno == EAGAIN;
+            const int error = SSL_get_error(ssl, got);
+            const bool timedOut = error == SSL_ERROR_WANT_READ || (error == SSL_ERROR_SYSCALL && errno == EAGAIN);
             return !timedOut;
         }
         return false;
