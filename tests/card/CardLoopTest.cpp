@@ -15,30 +15,6 @@ using CardLoop = FakeStack;
 
 const int refreshMs = 15000;
 
-TEST_F(CardLoop, AnnouncesReadersThatComeOrGoDuringAWaitAtOnceAndAllOfThemGoneAtTheEnd)
-{
-    stack.readers = {"B", "A"};
-    stack.script.push_back([] {
-        stack.readers = {"C", "A", "D"};
-        stack.cards["D"] = tag({0x0D});
-    });
-    stack.script.push_back([] { stack.readers = {"D", "C", "A"}; }); // reordered only
-    stack.script.push_back([this] {
-        stack.journal.push_back("published " + controller->GetReaders().toList().join(',').toStdString());
-        stack.cards.erase("D");
-    });
-
-    // New readers before lost ones, each group in listing order; no time passes for any of it.
-    EXPECT_EQ(run(), (Lines{"connect B", "connect A", "connect C", "connect D", "disconnect B", "rfid 0d",
-                            "published D,C,A", "removed", "disconnect D", "disconnect C", "disconnect A"}));
-    EXPECT_EQ(stack.clockMs, 0);
-    EXPECT_TRUE(controller->GetReaders().isEmpty());
-    EXPECT_TRUE(logged({"Reader connected:", "\"C\""}));
-    EXPECT_TRUE(logged({"Reader disconnected:", "\"B\""}));
-    // A stop is no failure.
-    EXPECT_FALSE(logged({"returned:"}));
-}
-
 TEST_F(CardLoop, WithNoReaderTheWaitBlocksAndAReaderThatAppearsIsReadAtOnce)
 {
     stack.addWaitSteps(3);
