@@ -35,11 +35,6 @@ public:
     }
     bool isValid() override { return true; }
 
-    QStringList lines() const
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        return captured;
-    }
     void clear()
     {
         std::lock_guard<std::mutex> lock(mutex);
@@ -49,8 +44,8 @@ public:
     // Lines that hold every one of the fragments.
     int count(const QStringList& fragments) const
     {
-        const QStringList all = lines();
-        return static_cast<int>(std::count_if(all.begin(), all.end(), [&](const QString& line) {
+        std::lock_guard<std::mutex> lock(mutex);
+        return static_cast<int>(std::count_if(captured.begin(), captured.end(), [&](const QString& line) {
             return std::all_of(fragments.begin(), fragments.end(),
                                [&](const QString& fragment) { return line.contains(fragment); });
         }));
