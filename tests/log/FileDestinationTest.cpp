@@ -17,7 +17,6 @@ using Files = std::map<QString, QByteArray>;
 class FileDestinationTest : public ::testing::Test
 {
 protected:
-    QByteArray local(const QString& name = "app.log") const { return dir.filePath(name).toLocal8Bit(); }
     // The files in the directory with their contents.
     Files files(const QString& subdirectory = ".") const
     {

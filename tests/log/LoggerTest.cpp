@@ -47,11 +47,8 @@ TEST_F(LoggerTest, LineIsLevelLocalTimestampAndStreamedItems)
     TLOG_WARN();
     TLOG_ERROR();
     TLOG_FATAL();
-    QStringList levels;
-    for (const QString& line : lines)
-        levels << line.left(6);
-    EXPECT_EQ(levels, QStringList({"INFO  ", "TRACE ", "DEBUG ", "WARN  ", "ERROR ", "FATAL "}));
     EXPECT_TRUE(lines[1].endsWith(" 100%1 of %2 ")) << lines[1].toStdString();
+    EXPECT_EQ(lines.replaceInStrings(QRegularExpression(" .*"), "").join(','), "INFO,TRACE,DEBUG,WARN,ERROR,FATAL");
 }
 
 TEST_F(LoggerTest, FilteredStatementsAreNotEvaluated)

@@ -94,12 +94,9 @@ class Chromium:
             raise RuntimeError(f"{expression}: {reply['exceptionDetails']}")
         return reply["result"]
 
-    def page(self):
-        return self.evaluate(PAGE)["value"]
-
     def wait_for(self, what, condition):
         deadline = time.monotonic() + TIMEOUT
-        while not condition(shown := self.page()):
+        while not condition(shown := self.evaluate(PAGE)["value"]):
             if time.monotonic() > deadline:
                 raise TimeoutError(f"no {what}; the page shows {shown}")
             time.sleep(0.1)
