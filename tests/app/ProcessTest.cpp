@@ -1,6 +1,5 @@
 // The service binary as a black box: settings, signals and start failures.
 #include "ServiceFixture.h"
-#include "TakenPort.h"
 
 #include <QFile>
 
@@ -55,20 +54,23 @@ TEST_F(ServiceProcessTest, StartUpWarnsAboutNonsenseSettingsRaisesTheDescriptorL
 
 TEST_F(ServiceProcessTest, StartFailuresEndTheServiceWithStatusZero)
 {
-    service.writeSettings({{QStringLiteral("certfile"), service.dir() + QStringLiteral("/missing.pem")}});
+    // Its port is taken by another instance.
     ASSERT_TRUE(service.start());
-    ASSERT_TRUE(service.waitForExit());
-    EXPECT_EQ(service.exitCode(), 0);
-    EXPECT_TRUE(service.appLog().contains(QStringLiteral("Unable to load certificate or key.")));
-
+    ASSERT_TRUE(service.waitForLog(QStringLiteral("No PCSC running, starting monitor thread.")));
     ServiceProcess portTaken;
     portTaken.serveOn(port, certificate);
-    const TakenPort listener(port);
-    ASSERT_TRUE(listener.taken);
     ASSERT_TRUE(portTaken.start());
     ASSERT_TRUE(portTaken.waitForExit());
     EXPECT_EQ(portTaken.exitCode(), 0);
     EXPECT_TRUE(portTaken.appLog().contains(QStringLiteral("Could not create server:"))) << portTaken.appLog().toStdString();
+
+    ServiceProcess noCertificate;
+    noCertificate.serveOn(TestSupport::findFreePorts(), certificate);
+    noCertificate.writeSettings({{QStringLiteral("certfile"), noCertificate.dir() + QStringLiteral("/missing.pem")}});
+    ASSERT_TRUE(noCertificate.start());
+    ASSERT_TRUE(noCertificate.waitForExit());
+    EXPECT_EQ(noCertificate.exitCode(), 0);
+    EXPECT_TRUE(noCertificate.appLog().contains(QStringLiteral("Unable to load certificate or key.")));
 }
 
 } // namespace

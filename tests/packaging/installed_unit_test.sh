@@ -72,7 +72,7 @@ printf '[Service]\nBindPaths=%s:/run/tiv-test-pcscd\nEnvironment=PCSCLITE_CSOCK_
   "$socket_dir" >"$drop_in/zz-tests.conf"
 
 apt-get install -y --no-install-recommends "$deb" >"$tmp/apt.log" 2>&1 || { cat "$tmp/apt.log"; exit 1; }
-check "the postinst starts the unit" within_a_minute systemctl is-active --quiet "$unit"
+check "the postinst enables and starts the unit" within_a_minute systemctl is-active --quiet "$unit"
 check "the unit is enabled" test "$(systemctl is-enabled "$unit")" = enabled
 check "the installed service greets with the private reader" within_a_minute greeted
 check "the greeting names the reader" received "$reader"
