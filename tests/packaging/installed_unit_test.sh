@@ -37,7 +37,7 @@ greeted() {
 
 cleanup() {
   [ "$failures" -eq 0 ] || journalctl -n 60 --no-pager -u "$unit" >&2 || true
-  [ -z "$client_pid" ] || kill "$client_pid" 2>/dev/null || true
+  kill $client_pid ${blocker:-} 2>/dev/null || true
   dpkg --purge tiv-rfid-svc >/dev/null 2>&1 || true
   rm -rf "$drop_in" "$settings"
   rmdir "$(dirname "$settings")" 2>/dev/null || true
@@ -72,7 +72,7 @@ printf '[Service]\nBindPaths=%s:/run/tiv-test-pcscd\nEnvironment=PCSCLITE_CSOCK_
   "$socket_dir" >"$drop_in/zz-tests.conf"
 
 apt-get install -y --no-install-recommends "$deb" >"$tmp/apt.log" 2>&1 || { cat "$tmp/apt.log"; exit 1; }
-check "the postinst enables and starts the unit" within_a_minute systemctl is-active --quiet "$unit"
+check "the postinst starts the unit" within_a_minute systemctl is-active --quiet "$unit"
 check "the unit is enabled" test "$(systemctl is-enabled "$unit")" = enabled
 check "the installed service greets with the private reader" within_a_minute greeted
 check "the greeting names the reader" received "$reader"
