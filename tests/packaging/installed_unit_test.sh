@@ -37,6 +37,7 @@ greeted() {
 
 cleanup() {
   [ "$failures" -eq 0 ] || journalctl -n 60 --no-pager -u "$unit" >&2 || true
+  # shellcheck disable=SC2086 # unquoted: either may be empty
   kill $client_pid ${blocker:-} 2>/dev/null || true
   dpkg --purge tiv-rfid-svc >/dev/null 2>&1 || true
   rm -rf "$drop_in" "$settings"
