@@ -15,44 +15,6 @@ using CardLoop = FakeStack;
 
 const int refreshMs = 15000;
 
-TEST_F(CardLoop, AnnouncesReadersThatComeOrGoDuringAWaitAtOnceAndAllOfThemGoneAtTheEnd)
-{
-    stack.readers = {"B", "A"};
-    stack.script.push_back([] {
-        stack.readers = {"C", "A", "D"};
-        stack.cards["D"] = tag({0x0D});
-    });
-    stack.script.push_back([] { stack.readers = {"D", "C", "A"}; }); // reordered only
-    stack.script.push_back([this] {
-        stack.journal.push_back("published " + controller->GetReaders().toList().join(',').toStdString());
-        stack.cards.erase("D");
-    });
-
-    // New readers before lost ones, each group in listing order; no time passes for any of it.
-    EXPECT_EQ(run(), (Lines{"connect B", "connect A", "connect C", "connect D", "disconnect B", "rfid 0d",
-                            "published D,C,A", "removed", "disconnect D", "disconnect C", "disconnect A"}));
-    EXPECT_EQ(stack.clockMs, 0);
-    EXPECT_TRUE(controller->GetReaders().isEmpty());
-    EXPECT_TRUE(logged({"Reader connected:", "\"C\""}));
-    EXPECT_TRUE(logged({"Reader disconnected:", "\"B\""}));
-    // A stop is no failure.
-    EXPECT_FALSE(logged({"returned:"}));
-}
-
-TEST_F(CardLoop, WaitsUntilTheNextRefreshWhichReadsACardLeftOnAReaderAgain)
-{
-    stack.readers = {"A"};
-    stack.cards["A"] = tag({0x0A});
-    stack.script.push_back([] { stack.journal.push_back("idle"); });               // times out
-    stack.script.push_back([] { stack.clockMs += 5000; stack.cards.erase("A"); }); // 5 s later
-    stack.script.push_back([] { stack.cards["A"] = tag({0x0B}); });
-
-    EXPECT_EQ(run(), (Lines{"connect A", "rfid 0a", "idle", "rfid 0a", "removed", "rfid 0b", "disconnect A"}));
-    // Each wait lasts until the next refresh is due, the pseudo-reader among its records.
-    EXPECT_EQ(calls("Wait"), (Lines{"Wait 0 1", "Wait 15000 2", "Wait 15000 2", "Wait 15000 2", "Wait 15000 2",
-                                    "Wait 10000 2", "Wait 10000 2"}));
-}
-
 TEST_F(CardLoop, WithNoReaderTheWaitBlocksAndAReaderThatAppearsIsReadAtOnce)
 {
     stack.addWaitSteps(3);
@@ -65,42 +27,6 @@ TEST_F(CardLoop, WithNoReaderTheWaitBlocksAndAReaderThatAppearsIsReadAtOnce)
     EXPECT_EQ(calls("Wait"), (Lines{"Wait 0 1", "Wait 15000 1", "Wait 15000 1", "Wait 15000 1", "Wait 15000 1",
                                     "Wait 15000 2", "Wait 15000 2"}));
     EXPECT_EQ(stack.clockMs, 3 * refreshMs);
-}
-
-TEST_F(CardLoop, WithAsManyReadersAsPcscCanHaveTheWaitLeavesThePseudoReaderOut)
-{
-    for (int i = 0; i < PCSCLITE_MAX_READERS_CONTEXTS; ++i)
-        stack.readers.push_back("R" + std::to_string(i));
-    stack.script.push_back([] { stack.cards["R15"] = tag({0x0F}); });
-    stack.script.push_back([] { stack.readers.pop_back(); });
-
-    const Lines lines = run();
-    EXPECT_EQ(Lines(lines.begin() + 16, lines.end() - 15), (Lines{"rfid 0f", "disconnect R15"}));
-    EXPECT_EQ(calls("Wait").back(), "Wait 15000 16") << "the pseudo-reader is back once there is room";
-}
-
-TEST_F(CardLoop, WithoutReaderNotificationsListsReadersEverySecondAndNeverSpins)
-{
-    // PC/SC may reject the pseudo-reader outright or report it unknown.
-    for (const bool rejected : {false, true}) {
-        SCOPED_TRACE(rejected);
-        start();
-        stack.notifications = false;
-        stack.unknownReaderFails = rejected;
-        stack.addWaitSteps(2);
-        stack.script.push_back([] {
-            stack.readers = {"A"};
-            stack.cards["A"] = tag({0x01});
-        });
-        stack.addWaitSteps(1);
-
-        EXPECT_EQ(run(), (Lines{"connect A", "rfid 01", "disconnect A"}));
-        // With no reader to wait on, the loop pauses instead.
-        EXPECT_EQ(calls("Pause"), (Lines{"Pause 1000", "Pause 1000", "Pause 1000"}));
-        EXPECT_EQ(calls("Wait"), (Lines{"Wait 0 1", "Wait 1000 1", "Wait 1000 1", "Wait 1000 1"}));
-        EXPECT_EQ(calls("ListNames").size(), 3u); // one listing per wake-up once there is a reader
-        EXPECT_TRUE(logged({"PC/SC announces no reader changes"}));
-    }
 }
 
 TEST_F(CardLoop, AReaderUnpluggedDuringAWaitCostsTheOthersNothing)
@@ -127,28 +53,6 @@ TEST_F(CardLoop, AReaderUnpluggedDuringAWaitCostsTheOthersNothing)
         EXPECT_EQ(run(), expected);
         EXPECT_EQ(calls("Pause"), Lines{}) << "a single failure is retried at once";
     }
-}
-
-TEST_F(CardLoop, FailuresOtherThanALossAreRetriedEverMoreSlowlyAndLoggedOnce)
-{
-    stack.readers = {"A"};
-    stack.script.push_back([] { stack.failures["Wait"] = SCARD_E_NOT_READY; });
-    // Each failed wait and each pause take a step; the last pause ends the failures.
-    for (int i = 0; i < 12; ++i)
-        stack.addWaitSteps(1);
-    stack.script.push_back([] {
-        stack.failures.clear();
-        stack.cards["A"] = tag({0x0A});
-    });
-
-    const Lines lines = run();
-    EXPECT_EQ(std::count(lines.begin(), lines.end(),
-                         "error 80100010 The reader or card is not ready to accept commands."),
-              7);
-    EXPECT_EQ(Lines(lines.end() - 2, lines.end()), (Lines{"rfid 0a", "disconnect A"}));
-    EXPECT_EQ(calls("Pause"),
-              (Lines{"Pause 100", "Pause 200", "Pause 400", "Pause 800", "Pause 1000", "Pause 1000"}));
-    EXPECT_EQ(LogCapture::instance().count({"SCardGetStatusChange returned:", "-2146435056"}), 1);
 }
 
 TEST_F(CardLoop, LossOfTheServiceEndsTheLoopWithEveryReaderGone)
@@ -181,26 +85,6 @@ TEST_F(CardLoop, LossOfTheServiceEndsTheLoopWithEveryReaderGone)
         EXPECT_EQ(LogCapture::instance().count({"PC/SC service lost:", QString::number(qint32(loss.result))}), 1);
         EXPECT_EQ(calls("Cancel"), Lines{}) << "the loop ended without a stop";
     }
-    for (const LONG other : {SCARD_E_TIMEOUT, SCARD_E_UNKNOWN_READER, SCARD_E_READER_UNAVAILABLE, SCARD_E_CANCELLED,
-                             SCARD_E_NO_READERS_AVAILABLE, SCARD_W_REMOVED_CARD})
-        EXPECT_FALSE(PcscService::isServiceLoss(other)) << other;
-}
-
-TEST_F(CardLoop, AListingThatFailsIsRetriedWithoutTellingClientsTheReadersWentAway)
-{
-    stack.readers = {"A"};
-    stack.script.push_back([] {
-        stack.failures["ListNames"] = SCARD_E_NO_MEMORY;
-        stack.readers = {"A", "B"};
-    });
-    stack.addWaitSteps(1); // the pause after the second failure
-    stack.script.push_back([] { stack.failures.clear(); });
-
-    const Lines lines = run();
-    EXPECT_EQ(Lines(lines.begin(), lines.begin() + 1), Lines{"connect A"});
-    EXPECT_EQ(Lines(lines.end() - 3, lines.end()), (Lines{"connect B", "disconnect A", "disconnect B"}));
-    EXPECT_EQ(std::count(lines.begin(), lines.end(), "disconnect A"), 1);
-    EXPECT_TRUE(logged({"SCardListReaders returned:", "-2146435066"}));
 }
 
 TEST_F(CardLoop, ReaderNamesGoBackToPcscAsTheyCameAndToClientsAsValidText)

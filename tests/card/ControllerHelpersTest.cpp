@@ -1,4 +1,3 @@
-#include "ReaderName.h"
 #include "SmartCardController.h"
 
 #include <gtest/gtest.h>
@@ -34,54 +33,6 @@ TEST(CardType, FollowsTheInterfaceBytesToTheAcosMarkWithoutReadingPastTheEnd)
         const QVector<unsigned char> atr(cases[i].atr.begin(), cases[i].atr.end());
         EXPECT_EQ(controller.getCardType(atr), cases[i].expected) << "case " << i;
     }
-}
-
-TEST(ErrorMessage, HasTextsForTheDocumentedCodesOnly)
-{
-    SmartCardController controller;
-    const auto text = [&](quint32 code) { return controller.getErrorMessage(static_cast<int>(code)); };
-    // Both ends of the table and each side of its gaps.
-    EXPECT_EQ(text(0x80100001), "An internal consistency check failed.");
-    EXPECT_EQ(text(0x80100019), "The PCI receive buffer was too small.");
-    EXPECT_EQ(text(0x80100065),
-              "The reader cannot communicate with the card due to ATR string configuration conflicts.");
-    EXPECT_EQ(text(0x80100069), "The smart card has been removed and no further communication is possible.");
-
-    for (quint32 code : {0x0u, 0xFFFFFFFFu, 0x80100000u, 0x80100018u, 0x80100064u, 0x8010006Au})
-        EXPECT_EQ(text(code), "Error is not documented.") << std::hex << code;
-}
-
-TEST(ReaderState, IsTheCurrentStateOfTheFirstRecordOfThatName)
-{
-    SCARD_READERSTATE states[3] = {}; // the last one without a name
-    states[0].szReader = states[1].szReader = "B";
-    states[0].dwCurrentState = SCARD_STATE_PRESENT;
-    states[0].dwEventState = states[1].dwCurrentState = SCARD_STATE_EMPTY;
-
-    SmartCardController controller;
-    EXPECT_EQ(controller.getReaderState("B", states, 3), DWORD(SCARD_STATE_PRESENT));
-    EXPECT_EQ(controller.getReaderState("C", states, 3), 0u);
-    EXPECT_EQ(controller.getReaderState("B", states, 0), 0u);
-    EXPECT_EQ(controller.getReaderState("B", nullptr, 3), DWORD(SCARD_STATE_UNKNOWN));
-}
-
-TEST(ReaderName, IsUtf8WhenValidAndLatin1OtherwiseSoNoTwoNamesLookAlikeByAccident)
-{
-    const struct
-    {
-        std::string bytes;
-        QString text;
-    } cases[] = {
-        {"Reader 00 00", QStringLiteral("Reader 00 00")},
-        {"Caf\xC3\xA9 \xF0\x9F\x92\xB3", QString::fromUtf8("Caf\xC3\xA9 \xF0\x9F\x92\xB3")},
-        {"\xEF\xBB\xBF" "BOM", QChar(0xFEFF) + QStringLiteral("BOM")}, // kept, not eaten
-        {"Caf\xE9", QString::fromUtf8("Caf\xC3\xA9")},                                      // Latin-1
-        {"cut \xC3", QString::fromUtf8("cut \xC3\x83")},                                      // truncated
-        {"\xC0\xAF", QString::fromUtf8("\xC3\x80\xC2\xAF")},                                // overlong
-        {"\xED\xA0\x80", QString::fromUtf8("\xC3\xAD\xC2\xA0\xC2\x80")},                  // surrogate
-    };
-    for (const auto& c : cases)
-        EXPECT_EQ(ReaderName::toText(c.bytes), c.text) << c.bytes;
 }
 
 } // namespace

@@ -1,17 +1,44 @@
 #pragma once
 
-#include "CardEventLog.h"
 #include "FakePcsc.h"
 #include "LogCapture.h"
+#include "SmartCardController.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
 #include <cctype>
 #include <iterator>
 #include <memory>
 
 using Lines = std::vector<std::string>;
+
+// Hands a controller's signals to `observer` as lines ("connect <reader>", "rfid <id>",
+// "sc <id>", "removed", "error <hex code> <text>", ...), on whichever thread emits them.
+class CardEventLog
+{
+public:
+    using Observer = std::function<void(const QString& line)>;
+
+    CardEventLog(SmartCardController* controller, Observer observer)
+    {
+        using C = SmartCardController;
+        const auto on = [&](auto signal, auto toLine) {
+            QObject::connect(controller, signal, controller,
+                             [observer, toLine](auto... args) { observer(toLine(args...)); }, Qt::DirectConnection);
+        };
+        on(&C::onError, [](unsigned int code, const QString& text) {
+            return QStringLiteral("error %1 %2").arg(code, 8, 16, QLatin1Char('0')).arg(text);
+        });
+        on(&C::onRFID, [](const QString& id) { return "rfid " + id; });
+        on(&C::onSC, [](const QString& id) { return "sc " + id; });
+        on(&C::onReaderConnect, [](const QString& name) { return "connect " + name; });
+        on(&C::onReaderDisconnect, [](const QString& name) { return "disconnect " + name; });
+        on(&C::cardRemoved, [] { return QStringLiteral("removed"); });
+        on(&C::serviceLost, [] { return QStringLiteral("service lost"); });
+    }
+};
 
 // Runs the card loop on the test's own thread against the scripted PC/SC stack; the loop
 // is stopped when the script is used up. Signals go into the stack's journal, so they show

@@ -104,26 +104,6 @@ TEST_F(ServiceEndToEnd, ClientsAreGreetedAndEveryCardReachesEveryClient)
     EXPECT_EQ(service.readSettings().value(QStringLiteral("service/port")).toInt(), port);
 }
 
-TEST_F(ServiceEndToEnd, ServiceStartedBeforePcscdDeliversCardsOnceItComesUp)
-{
-    startPcscd();
-    pcscd.kill();
-    ASSERT_TRUE(service.start());
-    ASSERT_TRUE(service.waitForLog(QStringLiteral("No PCSC running, starting monitor thread.")));
-
-    auto client = connectClient();
-    EXPECT_EQ(next(*client), versionText) << "without PC/SC the greeting is the version alone";
-
-    ASSERT_TRUE(pcscd.restart()) << pcscd.lastError().toStdString();
-    EXPECT_EQ(next(*client), readerText(pcscd.readerName(0), true));
-    EXPECT_EQ(next(*client), readerText(pcscd.readerName(1), true));
-
-    auto card = layOn(1, tag("deadbeef"));
-    EXPECT_EQ(next(*client), cardText("TAG", QStringLiteral("deadbeef")));
-
-    stopService(SIGINT);
-}
-
 TEST_F(ServiceEndToEnd, ClientsSeeTheReadersGoWithPcscdAndComeBackWithItWithoutLeaksAndAStopWhileItIsGoneEndsCleanly)
 {
     startPcscd();

@@ -10,13 +10,6 @@ namespace {
 
 using Log::RotatingFileStream;
 
-// The way the WebSocket library's loggers write: a line in pieces, then a flush.
-void writeLibraryLine(std::ostream& stream, int number)
-{
-    stream << "[2026-11-23 11:00:00] " << "[connect] " << "connection " << number << "\n";
-    stream.flush();
-}
-
 TEST(RotatingFileStream, StartsEmptyAndRotatesWholeLinesIntoPrivateFiles)
 {
     QTemporaryDir dir;
@@ -31,8 +24,9 @@ TEST(RotatingFileStream, StartsEmptyAndRotatesWholeLinesIntoPrivateFiles)
         RotatingFileStream stream(path, 100, 2);
         EXPECT_TRUE(stream.isOpen());
         EXPECT_EQ(readFile(path), "");
+        // The way the WebSocket library's loggers write: a line in pieces, then a flush.
         for (int i = 0; i < 30; ++i)
-            writeLibraryLine(stream, i);
+            stream << "[2026-11-23 11:00:00] " << "[connect] " << "connection " << i << "\n" << std::flush;
         stream << "unfinished" << std::endl;
         stream << "cut off at the end";
     }

@@ -56,16 +56,6 @@ TEST_F(RunningServer, AnOversizedMessageClosesItsSenderAloneAndLongTextsAreLogge
     EXPECT_EQ(LogCapture::instance().count(QString(201, QLatin1Char('y'))), 0);
 }
 
-TEST_F(RunningServer, ConnectionsThatNeverFinishTheirHandshakeAreClosed)
-{
-    RawTlsClient silentTcp, silentTls;
-    ASSERT_TRUE(silentTcp.connectTcp(port));
-    ASSERT_TRUE(silentTls.connect(port));
-    EXPECT_TRUE(silentTcp.waitForClose());
-    EXPECT_TRUE(silentTls.waitForClose());
-    EXPECT_TRUE(announcedClients().empty());
-}
-
 TEST_F(RunningServer, PreStandardDraftHandshakesAreRefusedWithUpgradeRequired)
 {
     // hixie-76: two number keys and eight key bytes after the headers, no version header.

@@ -40,18 +40,15 @@ TEST_F(KioskOnlyServer, OnlyListedPagesAndClientsWithoutOriginGetIn)
 }
 
 // No setting, and a setting of nothing but blanks, both mean: no restriction.
-class ServerWithoutAllowList : public RunningServer, public ::testing::WithParamInterface<QStringList>
+class ServerWithoutAllowList : public RunningServer
 {
 protected:
-    ServerWithoutAllowList() { allowedOrigins = GetParam(); }
+    ServerWithoutAllowList() { allowedOrigins = QStringList{" ", ""}; }
 };
 
-TEST_P(ServerWithoutAllowList, LetsEveryOriginIn)
+TEST_F(ServerWithoutAllowList, LetsEveryOriginIn)
 {
     TestWsClient page;
     page.setOrigin("https://anywhere.test");
     EXPECT_TRUE(page.connect(port)) << page.lastError().toStdString();
 }
-
-INSTANTIATE_TEST_SUITE_P(Empty, ServerWithoutAllowList, ::testing::Values(QStringList(), QStringList{" ", ""}),
-                         [](const auto& info) { return info.param.isEmpty() ? "NoSetting" : "OnlyBlanks"; });

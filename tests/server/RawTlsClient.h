@@ -50,22 +50,15 @@ public:
         return ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
     }
 
-    // Offers only these TLS 1.2 suites when given; false when the server refuses them all.
-    bool startTls(const char* cipherList = nullptr)
+    bool startTls()
     {
         context = SSL_CTX_new(TLS_client_method());
-        SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
         SSL_CTX_set_max_proto_version(context, TLS1_2_VERSION);
-        // Level 0, so that OpenSSL lets the client offer the weak suites the server must refuse.
-        SSL_CTX_set_security_level(context, 0);
-        if (cipherList && SSL_CTX_set_cipher_list(context, cipherList) != 1)
-            return false;
         ssl = SSL_new(context);
         SSL_set_fd(ssl, fd);
         return SSL_connect(ssl) == 1;
     }
     bool connect(quint16 port) { return connectTcp(port) && startTls(); }
-    QByteArray negotiatedCipher() const { return ssl ? QByteArray(SSL_get_cipher_name(ssl)) : QByteArray(); }
 
     bool write(const QByteArray& bytes)
     {
@@ -100,8 +93,6 @@ public:
         QByteArray frame(1, char(0x80 | opcode));
         if (length < 126) {
             frame.append(char(0x80 | length));
-        } else if (length < 65536) {
-            frame.append(char(0x80 | 126)).append(char(length >> 8)).append(char(length & 0xff));
         } else {
             frame.append(char(0x80 | 127));
             for (int shift = 56; shift >= 0; shift -= 8)
@@ -119,13 +110,12 @@ public:
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
         char buffer[4096];
         while (std::chrono::steady_clock::now() < deadline) {
-            const int got = ssl ? SSL_read(ssl, buffer, sizeof buffer) : int(::recv(fd, buffer, sizeof buffer, 0));
+            const int got = SSL_read(ssl, buffer, sizeof buffer);
             if (got > 0)
                 continue;
             // The receive time-out passed: still open.
-            const int error = ssl ? SSL_get_error(ssl, got) : 0;
-            const bool timedOut = ssl ? error == SSL_ERROR_WANT_READ || (error == SSL_ERROR_SYSCALL && errno == EAGAIN)
-                                      : got < 0 && errno == EAGAIN;
+            const int error = SSL_get_error(ssl, got);
+            const bool timedOut = error == SSL_ERROR_WANT_READ || (error == SSL_ERROR_SYSCALL && errno == EAGAIN);
             return !timedOut;
         }
         return false;

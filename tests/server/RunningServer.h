@@ -49,8 +49,7 @@ protected:
                              [this, server](ConnectionContext context) {
                                  std::lock_guard<std::mutex> lock(announcedMutex);
                                  announced.push_back(context);
-                                 if (autoAdmit)
-                                     server->admitClient(context, greeting);
+                                 server->admitClient(context, greeting);
                              }, Qt::DirectConnection);
             candidate->start();
             if (candidate->waitForInit())
@@ -86,9 +85,8 @@ protected:
     QTemporaryDir logDir;
     quint16 port = 0;
     std::unique_ptr<ServerThread> thread;
-    // What every announced client is sent when admitted; fixtures that admit by hand clear autoAdmit.
+    // What every announced client is sent when admitted.
     QStringList greeting;
-    bool autoAdmit = true;
     std::mutex announcedMutex;
     std::vector<ConnectionContext> announced;
 };

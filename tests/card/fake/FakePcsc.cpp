@@ -70,22 +70,6 @@ Card tag(Bytes uid)
             [uid](const Bytes& command) { return command == readUid ? withStatus(uid) : notSupported; }};
 }
 
-Card acosCard(Bytes mcuId)
-{
-    return {{0x3B, 0x02, 0x41, 0x01}, [mcuId](const Bytes& command) {
-                if (command.size() == 7 && command[0] == 0x80 && command[1] == 0xA4)
-                    return withStatus({});
-                return command == Bytes{0x80, 0xB2, 0x00, 0x00, 0x08} ? withStatus(mcuId) : notSupported;
-            }};
-}
-
-Card answering(Card card, const Bytes& command, Reply reply)
-{
-    const auto normal = card.respond;
-    card.respond = [=](const Bytes& received) { return received == command ? reply : normal(received); };
-    return card;
-}
-
 Stack stack;
 
 namespace {
@@ -103,7 +87,7 @@ bool isNotificationReader(const std::string& name)
 
 bool isKnown(const std::vector<std::string>& readers, const std::string& name)
 {
-    return std::count(readers.begin(), readers.end(), name) > 0 || (isNotificationReader(name) && stack.notifications);
+    return std::count(readers.begin(), readers.end(), name) > 0 || isNotificationReader(name);
 }
 
 bool takeCancel()
@@ -214,7 +198,7 @@ bool fillIn(SCARD_READERSTATE* records, DWORD count, const std::vector<std::stri
     for (DWORD i = 0; i < count; ++i) {
         SCARD_READERSTATE& record = records[i];
         const std::string reader = record.szReader ? record.szReader : "";
-        if (isNotificationReader(reader) && stack.notifications) {
+        if (isNotificationReader(reader)) {
             const bool changed = stack.readers != readersBefore;
             record.dwEventState = changed ? SCARD_STATE_CHANGED : 0;
             anyChanged = anyChanged || changed;
@@ -250,13 +234,6 @@ LONG SCardGetStatusChange(SCARDCONTEXT context, DWORD timeout, SCARD_READERSTATE
     stack.journal.push_back("Wait " + std::to_string(timeout) + " " + std::to_string(count));
     if (context != establishedContext || (!records && count > 0) || count > PCSCLITE_MAX_READERS_CONTEXTS)
         return SCARD_E_INVALID_PARAMETER;
-    if (stack.unknownReaderFails) {
-        for (DWORD i = 0; i < count; ++i) {
-            if (!isKnown(stack.readers, records[i].szReader ? records[i].szReader : ""))
-                return SCARD_E_UNKNOWN_READER;
-        }
-    }
-
     // What already differs from what the caller knows is told at once, and no time passes.
     const std::vector<std::string> readersBefore = stack.readers;
     const bool scriptedToFail = stack.failures.count("Wait") || stack.failOnce.count("Wait");

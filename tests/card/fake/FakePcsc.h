@@ -10,9 +10,9 @@
 #include <vector>
 
 // A scripted PC/SC stack, linked in place of libpcsclite, for what a real stack cannot do
-// on demand: readers that come and go, odd names, ATRs and answers, failures of single calls,
-// a service without reader notifications. It also provides the card loop's clock and pauses,
-// which only the script moves: a pause or a wait that times out adds its duration at once.
+// on demand: readers that come and go, odd names, ATRs and answers, failures of single calls.
+// It also provides the card loop's clock and pauses, which only the script moves: a pause or
+// a wait that times out adds its duration at once.
 // The loop under test runs on the test's own thread, so nothing here is locked, except what
 // blockUntilCancelled() needs to let another thread stop the loop.
 namespace FakePcsc {
@@ -26,11 +26,8 @@ struct Card
     std::function<Reply(const Bytes& command)> respond;
 };
 
-// Cards that answer the way the service expects of them.
+// A tag that answers READ UID the way the service expects.
 Card tag(Bytes uid);
-Card acosCard(Bytes mcuId);
-// The card, except that it answers `command` with `reply`.
-Card answering(Card card, const Bytes& command, Reply reply);
 
 struct Stack
 {
@@ -40,13 +37,6 @@ struct Stack
     // failOnce fail the next time only (only "Wait" so far).
     std::map<std::string, LONG> failures;
     std::map<std::string, LONG> failOnce;
-    // Whether the plug-and-play pseudo-reader is known; when it is, a wait reports a change of
-    // the reader list made by its script step, as pcsc-lite does.
-    bool notifications = true;
-    // A wait naming a reader that is not there fails with SCARD_E_UNKNOWN_READER (newer
-    // pcsc-lite) instead of reporting it SCARD_STATE_UNKNOWN (older ones, and readers that
-    // vanish during the wait).
-    bool unknownReaderFails = false;
     // One step each time the loop would block: a wait with a time-out that has nothing to tell
     // at once, or a pause. A wait's step runs as if during the wait; the wait then succeeds
     // when a record changed and otherwise times out. A time-out or a pause moves the clock on

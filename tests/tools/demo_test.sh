@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# A running tiv-demo turns a second one away from its port with advice, and Ctrl-C in the
-# middle of a session stops the service and removes the demo's files.
+# tiv-demo fed commands through a pipe: each card's message reaches the client, a card laid on
+# an occupied reader replaces the one there, a second demo is turned away from the port with
+# advice, and Ctrl-C stops the service and removes everything the demo made.
 set -euo pipefail
 demo="$1"
 work="$(mktemp -d)"
@@ -35,8 +36,14 @@ mkfifo "$work/commands"
 demo_pid=$!
 exec 3>"$work/commands" # held open, so the demo keeps waiting for commands
 wait_for '"type":"VERSION"'
-echo 'tag 1 0a0b0c0d' >&3
-wait_for 'TAG 0a0b0c0d reached the client'
+grep -qF '"event":"CONNECTED","name":"Tiv Virtual Reader 00 01","type":"READER"' "$out" \
+  || fail "the greeting did not list the second reader"
+printf '%s\n' 'tag 0 04a10b7f' 'acos 1 0102030405060708' '# comments and blank lines are skipped' '' >&3
+wait_for '"tag_id":"04a10b7f","type":"TAG"'
+wait_for '"tag_id":"0102030405060708","type":"SC"'
+printf '%s\n' 'tag 0 04:A1:0B:80' 'remove 1' >&3
+wait_for '"tag_id":"04a10b80","type":"TAG"'
+wait_for 'took the card off reader 1'
 
 port="$(grep -o 'wss://127.0.0.1:[0-9]*' "$out" | head -n1 | cut -d: -f3)"
 second_status=0
@@ -52,5 +59,8 @@ demo_pid=""
 [ "$status" -eq 0 ] || fail "exit status $status after SIGINT"
 grep -qF 'Stopped; the temporary files are removed.' "$out" || fail "no orderly stop"
 cert="$(sed -n 's/^and 127.0.0.1: //p' "$out")"
-[ -n "$cert" ] && [ ! -e "$(dirname "$cert")" ] || fail "the certificate's directory was left behind"
+log="$(sed -n "s/^The service's log: //p" "$out")"
+[ -n "$cert" ] && [ -n "$log" ] || fail "the certificate or log path is not shown"
+[ ! -e "$(dirname "$cert")" ] || fail "the certificate's directory was left behind"
+[ ! -e "$(dirname "$(dirname "$log")")" ] || fail "the service's directory was left behind"
 echo "PASS"
