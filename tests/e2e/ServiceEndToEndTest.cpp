@@ -100,6 +100,13 @@ TEST_F(ServiceEndToEnd, ClientsAreGreetedAndEveryCardReachesEveryClient)
     for (TestWsClient* each : {first.get(), second.get(), first.get(), second.get()})
         EXPECT_EQ(next(*each), cardText("SC", QStringLiteral("0102030405060708")));
 
+    // A card that answers with an error is a log line, not a message, and the service goes on.
+    CardPersonality faulty = tag("0badcafe");
+    faulty.setStatusWord(0x6A, 0x82);
+    auto faultyCard = layOn(0, faulty);
+    EXPECT_TRUE(waitUntil([&] { return service.countInLog(QStringLiteral("Wrong response")) > 0; }, eventTimeoutMs));
+    EXPECT_EQ(next(*first, 1000), "<nothing>");
+
     stopService(SIGTERM);
     EXPECT_EQ(service.readSettings().value(QStringLiteral("service/port")).toInt(), port);
 }
