@@ -30,7 +30,7 @@ if [ -n "$set_name" ]; then
 fi
 if [ "$set_name" = --tests ]; then
   # mkcert for the test of scripts/trust-certificate.sh, which leaves every trust store alone.
-  packages+=(chromium chromium-driver python3 mkcert)
+  packages+=(chromium python3 mkcert)
 fi
 
 SUDO=""
