@@ -252,14 +252,21 @@ LONG SmartCardController::waitForChanges()
 
 void SmartCardController::handleChanges()
 {
+    // PC/SC counts insertions and removals in the upper half of the state. A card swapped for
+    // another between two waits shows as present before and after, the count alone moved on.
+    const auto cardEvents = [](DWORD state) { return state >> 16; };
     for (size_t i = 0; i < states.readerCount(); ++i) {
         SCARD_READERSTATE& state = states.reader(i);
         if (!(state.dwEventState & SCARD_STATE_CHANGED))
             continue;
-        if ((state.dwEventState & SCARD_STATE_PRESENT) && !(state.dwCurrentState & SCARD_STATE_PRESENT))
-            processCard(state.szReader);
-        if ((state.dwCurrentState & SCARD_STATE_PRESENT) && (state.dwEventState & SCARD_STATE_EMPTY))
+        const bool wasPresent = state.dwCurrentState & SCARD_STATE_PRESENT;
+        const bool isPresent = state.dwEventState & SCARD_STATE_PRESENT;
+        const bool swapped = wasPresent && isPresent && state.dwCurrentState != SCARD_STATE_UNAWARE
+                             && cardEvents(state.dwEventState) != cardEvents(state.dwCurrentState);
+        if (wasPresent && (state.dwEventState & SCARD_STATE_EMPTY || swapped))
             emit cardRemoved();
+        if (isPresent && (!wasPresent || swapped))
+            processCard(state.szReader);
         state.dwCurrentState = state.dwEventState;
     }
     if (SCARD_READERSTATE* notification = states.notification())

@@ -29,6 +29,20 @@ TEST_F(CardLoop, WithNoReaderTheWaitBlocksAndAReaderThatAppearsIsReadAtOnce)
     EXPECT_EQ(stack.clockMs, 3 * refreshMs);
 }
 
+TEST_F(CardLoop, ACardSwappedForAnotherBetweenTwoWaitsIsRead)
+{
+    stack.readers = {"A"};
+    stack.cards["A"] = tag({0x01});
+    stack.cardEvents["A"] = 1;
+    // Taken off and the next one laid while the loop was not waiting: present all along.
+    stack.script.push_back([] {
+        stack.cards["A"] = tag({0x02});
+        stack.cardEvents["A"] += 2;
+    });
+
+    EXPECT_EQ(run(), (Lines{"connect A", "rfid 01", "removed", "rfid 02", "disconnect A"}));
+}
+
 TEST_F(CardLoop, AReaderUnpluggedDuringAWaitCostsTheOthersNothing)
 {
     // Reported as an unknown reader's state, or as a failed wait.

@@ -208,8 +208,10 @@ bool fillIn(SCARD_READERSTATE* records, DWORD count, const std::vector<std::stri
                                  ? SCARD_STATE_UNKNOWN
                                  : (stack.cards.count(reader) ? SCARD_STATE_PRESENT : SCARD_STATE_EMPTY);
         const DWORD known = record.dwCurrentState & (SCARD_STATE_PRESENT | SCARD_STATE_EMPTY | SCARD_STATE_UNKNOWN);
-        const bool changed = record.dwCurrentState == SCARD_STATE_UNAWARE || known != actual;
-        record.dwEventState = actual | (changed ? SCARD_STATE_CHANGED : 0);
+        const DWORD events = stack.cardEvents[reader];
+        const bool changed = record.dwCurrentState == SCARD_STATE_UNAWARE || known != actual
+                             || record.dwCurrentState >> 16 != events;
+        record.dwEventState = actual | events << 16 | (changed ? SCARD_STATE_CHANGED : 0);
         anyChanged = anyChanged || changed;
     }
     return anyChanged;

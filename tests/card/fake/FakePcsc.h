@@ -33,6 +33,8 @@ struct Stack
 {
     std::vector<std::string> readers;
     std::map<std::string, Card> cards;
+    // Insertions and removals per reader, which PC/SC reports in the upper half of a state.
+    std::map<std::string, DWORD> cardEvents;
     // Calls by name ("Connect", "ListNames", "Wait", ...) that fail with this result; those in
     // failOnce fail the next time only (only "Wait" so far).
     std::map<std::string, LONG> failures;
