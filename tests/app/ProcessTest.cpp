@@ -1,14 +1,21 @@
-// The service binary as a black box: settings, signals and start failures.
+// The service binary as a black box: settings, signals, start failures and daemon mode.
 #include "ServiceFixture.h"
+#include "TestWsClient.h"
 
+#include <QDir>
 #include <QFile>
+#include <QFileInfo>
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 
 #include <csignal>
+#include <sys/prctl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -71,6 +78,50 @@ TEST_F(ServiceProcessTest, StartFailuresEndTheServiceWithStatusZero)
     ASSERT_TRUE(noCertificate.waitForExit());
     EXPECT_EQ(noCertificate.exitCode(), 0);
     EXPECT_TRUE(noCertificate.appLog().contains(QStringLiteral("Unable to load certificate or key.")));
+}
+
+pid_t processWithEnvironment(const QByteArray& entry)
+{
+    for (const QString& name : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        QFile environ(QStringLiteral("/proc/%1/environ").arg(name));
+        if (name.toInt() > 0 && environ.open(QIODevice::ReadOnly) && environ.readAll().split('\0').contains(entry))
+            return name.toInt();
+    }
+    return 0;
+}
+
+TEST_F(ServiceProcessTest, DaemonDetachesServesAndKeepsItsFilesPrivate)
+{
+    // Orphans come to this process, so the daemon's exit status can be seen.
+    ASSERT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+    service.setEnvironment(QStringLiteral("TIV_TEST_DAEMON"), service.dir());
+    ASSERT_TRUE(service.start({QStringLiteral("--daemon")}));
+    ASSERT_TRUE(service.waitForExit());
+    EXPECT_EQ(service.exitCode(), 1) << "the launching process always reports 1";
+    ASSERT_TRUE(service.waitForLog(QStringLiteral("No PCSC running, starting monitor thread.")));
+    const pid_t daemon = processWithEnvironment("TIV_TEST_DAEMON=" + service.dir().toUtf8());
+    ASSERT_NE(daemon, 0);
+
+    const QString proc = QStringLiteral("/proc/%1/").arg(daemon);
+    EXPECT_EQ(QFileInfo(proc + QStringLiteral("cwd")).symLinkTarget(), QStringLiteral("/"));
+    for (const char* fd : {"0", "1", "2"})
+        EXPECT_EQ(QFileInfo(proc + QStringLiteral("fd/") + fd).symLinkTarget(), QStringLiteral("/dev/null"));
+    EXPECT_NE(::getsid(daemon), ::getsid(0)) << "the daemon leads a session of its own";
+    QFile status(proc + QStringLiteral("status"));
+    EXPECT_TRUE(status.open(QIODevice::ReadOnly) && status.readAll().contains("Umask:\t0027"));
+    TestWsClient client;
+    ASSERT_TRUE(client.connect(port)) << client.lastError().toStdString();
+    EXPECT_TRUE(client.nextMessage().value_or(QString()).contains(QStringLiteral("\"version\": \"0.25\"")));
+
+    ::kill(daemon, SIGTERM);
+    int exitStatus = -1;
+    ASSERT_EQ(::waitpid(daemon, &exitStatus, 0), daemon);
+    EXPECT_TRUE(WIFEXITED(exitStatus) && WEXITSTATUS(exitStatus) == 0);
+    for (const QString& name : QDir(service.logDir()).entryList(QDir::Files)) {
+        struct stat file{};
+        ASSERT_EQ(::stat(QFile::encodeName(service.logDir() + name).constData(), &file), 0);
+        EXPECT_EQ(file.st_mode & 07777, 0640u) << name.toStdString();
+    }
 }
 
 } // namespace
