@@ -261,7 +261,7 @@ void SmartCardController::handleChanges()
             continue;
         const bool wasPresent = state.dwCurrentState & SCARD_STATE_PRESENT;
         const bool isPresent = state.dwEventState & SCARD_STATE_PRESENT;
-        const bool swapped = wasPresent && isPresent && state.dwCurrentState != SCARD_STATE_UNAWARE
+        const bool swapped = wasPresent && isPresent
                              && cardEvents(state.dwEventState) != cardEvents(state.dwCurrentState);
         if (wasPresent && (state.dwEventState & SCARD_STATE_EMPTY || swapped))
             emit cardRemoved();

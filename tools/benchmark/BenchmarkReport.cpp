@@ -116,8 +116,8 @@ void printFanOut(std::ostream& out, const BenchmarkReport& report)
     // The clients run on the same cores, so the times above are partly theirs; this is not.
     out << "The service's CPU time (all its threads)\n"
         << "  clients  per connection (handshake, greeting)  per tap (read the card, TAG to all)\n";
+    const auto cpu = [](const std::optional<double>& value) { return value ? fixed(*value, 3, " ms") : "-"; };
     for (const RoundResult& round : report.rounds) {
-        const auto cpu = [](const std::optional<double>& value) { return value ? fixed(*value, 3, " ms") : "-"; };
         out << std::right << std::setw(9) << round.clients << std::setw(38) << cpu(round.cpuPerConnectionMs)
             << std::setw(37) << cpu(round.cpuPerTapMs) << "\n";
     }
