@@ -29,22 +29,21 @@ int openFlagsFor(QIODevice::OpenModeFlag flag)
     return flag == QIODevice::Append ? O_APPEND : 0;
 }
 
-// Writes all of `bytes`; false with errno set when the file took less.
-bool writeAll(int fd, const QByteArray& bytes)
+// Writes all of `bytes`; false with errno set when the file took less, `written` telling how
+// much it did take.
+bool writeAll(int fd, const QByteArray& bytes, qint64& written)
 {
-    const char* data = bytes.constData();
-    qint64 left = bytes.size();
-    while (left > 0) {
-        const ssize_t written = ::write(fd, data, static_cast<size_t>(left));
-        if (written < 0 && errno == EINTR)
+    written = 0;
+    while (written < bytes.size()) {
+        const ssize_t took = ::write(fd, bytes.constData() + written, static_cast<size_t>(bytes.size() - written));
+        if (took < 0 && errno == EINTR)
             continue;
-        if (written <= 0) {
-            if (written == 0)
+        if (took <= 0) {
+            if (took == 0)
                 errno = ENOSPC;
             return false;
         }
-        data += written;
-        left -= written;
+        written += took;
     }
     return true;
 }
@@ -111,16 +110,17 @@ void RotatingFile::write(const QString& counted, const QByteArray& bytes)
         text += note.toUtf8() + '\n';
     text += bytes + '\n';
 
-    struct stat before;
-    const bool sizeKnown = ::fstat(fd, &before) == 0;
-    if (writeAll(fd, text)) {
+    qint64 written = 0;
+    if (writeAll(fd, text, written)) {
         lostLines = 0;
         failureReported = false;
         return;
     }
     const int error = errno;
     // A line cut short would run into the next one written; the space it took is given back.
-    if (sizeKnown && ::ftruncate(fd, before.st_size) != 0) {
+    // The fragment ends where the write left the file position.
+    const off_t end = written > 0 ? ::lseek(fd, 0, SEEK_CUR) : -1;
+    if (end >= written && ::ftruncate(fd, end - written) != 0) {
         // Nothing more can be done; the fragment stays.
     }
     close();
