@@ -56,6 +56,8 @@ TlsCredentials::TlsCredentials(const QString& certFile, const QString& keyFile)
     // the client's data. A client that goes without a TLS goodbye is simply gone.
     SSL_CTX_set_options(native, SSL_OP_NO_RENEGOTIATION | SSL_OP_IGNORE_UNEXPECTED_EOF);
     SSL_CTX_set_mode(native, SSL_MODE_ENABLE_PARTIAL_WRITE);
+    // A record's header and body in one read, and a flight of several records too.
+    SSL_CTX_set_read_ahead(native, 1);
     // The chain is what the certificate file holds; building one from the trust store at every
     // handshake only costs time, and a self-signed certificate has none.
     SSL_CTX_set_mode(native, SSL_MODE_NO_AUTO_CHAIN);
