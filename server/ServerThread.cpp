@@ -3,6 +3,8 @@
 #include "Log.h"
 #include "WebsocketServer.h"
 
+#include <openssl/crypto.h>
+
 #include <exception>
 
 namespace {
@@ -61,6 +63,9 @@ bool ServerThread::waitForInit()
 void ServerThread::run()
 {
     serve();
+    // OpenSSL would free this thread's own state only as the thread exits, after wait() has
+    // returned, and so possibly while the exiting process frees OpenSSL itself.
+    OPENSSL_thread_stop();
     std::lock_guard<std::mutex> runEnded(mutex);
 }
 
