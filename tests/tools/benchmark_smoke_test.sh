@@ -8,13 +8,14 @@ status=0
 cat "$out"
 [ "$status" -eq 0 ] || { echo "FAIL: exit status $status"; exit 1; }
 for expected in 'Tap to message: 3 taps, 1 client' 'a plain PC/SC client sees the card' \
-  'CPU (run time)' 'per connection (handshake, greeting)' 'the same over plain TCP (the floor)' 'both readers attached' 'pcscd up with no reader attached' \
+  'CPU (run time)' 'per connection (handshake, greeting)' 'the same over plain TCP (the floor)' 'bare TLS handshakes (the floor)' 'both readers attached' 'pcscd up with no reader attached' \
   'Fan-out: from the tap until the last client has the TAG' 'first to last client' \
   'pcscd killed and started again: 1 of 1 cycles' 'Against the goals'; do
   grep -qF -- "$expected" "$out" || { echo "FAIL: missing '$expected'"; exit 1; }
 done
 # One row per number of clients, each with its two taps.
 grep -Eq '^ +5 +2 +[0-9.]+ s' "$out" || { echo "FAIL: no row for 5 clients"; exit 1; }
+grep -Eq '^  floor at 5: [0-9.]+ s for 5 bare TLS handshakes' "$out" || { echo "FAIL: no TLS floor"; exit 1; }
 # Both idle figures were measured, and the service's threads and descriptors were counted.
 [ "$(grep -Ec '^  (both readers|pcscd up with no reader).* % of a core' "$out")" -eq 2 ] \
   || { echo "FAIL: an idle CPU figure is missing"; exit 1; }

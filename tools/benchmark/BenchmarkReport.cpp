@@ -110,6 +110,9 @@ void printFanOut(std::ostream& out, const BenchmarkReport& report)
         if (round.plainTcpFloorMs)
             out << "  floor at " << round.clients << ": " << ms(*round.plainTcpFloorMs) << " from the first to the last of "
                 << round.clients << " plain TCP writes (one thread writes, another reads)\n";
+        if (round.plainTlsFloorSeconds)
+            out << "  floor at " << round.clients << ": " << fixed(*round.plainTlsFloorSeconds, 2, " s") << " for "
+                << round.clients << " bare TLS handshakes (OpenSSL alone, a server and a client thread per core)\n";
     }
     out << "\n";
 
@@ -197,6 +200,8 @@ void printGoals(std::ostream& out, const BenchmarkReport& report)
             row("  the same over plain TCP (the floor)", ms(*r->plainTcpFloorMs), "");
         row("connect and greet " + std::to_string(r->clients) + " clients", fixed(r->connectSeconds, 2, " s"),
             "0.8 s at 1000");
+        if (r->plainTlsFloorSeconds)
+            row("  bare TLS handshakes (the floor)", fixed(*r->plainTlsFloorSeconds, 2, " s"), "");
     }
     if (const RoundResult* r = roundFor(report.rounds, 10000)) {
         const std::optional<double> perClient = report.residentKiBPerClient(*r);

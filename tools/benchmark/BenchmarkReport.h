@@ -20,6 +20,7 @@ struct RoundResult
     std::vector<double> serviceShare; // from detection to the last client
     std::vector<double> firstToLast;
     std::optional<double> plainTcpFloorMs; // first to last, plain TCP writes instead of TAGs
+    std::optional<double> plainTlsFloorSeconds; // connecting, bare TLS handshakes instead
     std::string error;
 };
 

@@ -1,8 +1,8 @@
 #include "PlainTcpFanOut.h"
 
 #include "LatencySummary.h"
+#include "LoopbackSockets.h"
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/epoll.h>
@@ -21,38 +21,14 @@ using Clock = std::chrono::steady_clock;
 // A TAG message in one TLS record: header, explicit nonce, text and tag.
 const size_t recordBytes = 80;
 
-class Descriptors
-{
-public:
-    ~Descriptors()
-    {
-        for (int fd : fds)
-            ::close(fd);
-    }
-    int keep(int fd)
-    {
-        if (fd >= 0)
-            fds.push_back(fd);
-        return fd;
-    }
-
-private:
-    std::vector<int> fds;
-};
-
 } // namespace
 
 std::optional<double> plainTcpFanOutMs(int sockets, int rounds)
 {
     Descriptors open;
-    const int listener = open.keep(::socket(AF_INET, SOCK_STREAM, 0));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    if (listener < 0 || ::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0
-        || ::listen(listener, SOMAXCONN) != 0
-        || ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+    sockaddr_in address;
+    const int listener = listenOnLoopback(open, address);
+    if (listener < 0)
         return std::nullopt;
     const int readable = open.keep(::epoll_create1(0));
     if (readable < 0)
