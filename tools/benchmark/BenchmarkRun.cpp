@@ -1,8 +1,7 @@
 #include "BenchmarkRun.h"
 
 #include "CardPersonality.h"
-#include "PlainTcpFanOut.h"
-#include "PlainTlsHandshakes.h"
+#include "MachineFloors.h"
 #include "ProcessStats.h"
 #include "ReaderPresenceWatch.h"
 #include "ServiceStack.h"

@@ -60,7 +60,7 @@ QString vpcdDriver()
 // Inside its namespace the daemon finds our directory at /run/pcscd; the exec keeps
 // the spawned process id, so kill() reaches pcscd itself.
 const char launchScript[] =
-    "mkdir -p /run/pcscd && mount --bind \"$1\" /run/pcscd && exec \"$3\" -f -c \"$2\" $4";
+    "mkdir -p /run/pcscd && mount --bind \"$1\" /run/pcscd && exec \"$3\" -f -c \"$2\"";
 
 char socketDirectoryForExit[PATH_MAX];
 
@@ -270,7 +270,7 @@ bool PrivatePcscd::launch()
                                 "unshare", "--mount", "--propagation", "private", "--",
                                 "/bin/sh", "-c", launchScript, "tiv-pcscd",
                                 runDirectory.constData(), configDirectory.constData(), pcscd.constData(),
-                                debugOutput ? "--debug" : "", nullptr};
+                                nullptr};
 
     posix_spawn_file_actions_t files;
     posix_spawn_file_actions_init(&files);
@@ -384,7 +384,7 @@ QString PrivatePcscd::output() const
     if (!log.open(QIODevice::ReadOnly))
         return QStringLiteral("(no output)");
     const QByteArray text = log.readAll();
-    return QString::fromLocal8Bit(debugOutput ? text : text.right(2000)).trimmed();
+    return QString::fromLocal8Bit(text.right(2000)).trimmed();
 }
 
 } // namespace TestSupport

@@ -46,8 +46,6 @@ public:
     QString lastError() const { return error; }
     // The end of the daemon's own log, for failure messages.
     QString output() const;
-    // Makes the next start or restart log at debug level (call before start()).
-    void setDebugOutput(bool on) { debugOutput = on; }
     // Makes start() bring the daemon up with no reader at all (call before start()).
     void setWithoutReaders(bool on) { withoutReaders = on; }
 
@@ -63,7 +61,6 @@ private:
     QString workDirectory;
     quint16 firstPort = 0;
     QString error;
-    bool debugOutput = false;
     bool withoutReaders = false;
 };
 

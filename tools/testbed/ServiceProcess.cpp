@@ -110,12 +110,6 @@ bool ServiceProcess::waitForExit(int timeoutMs)
     return process.waitForFinished(timeoutMs);
 }
 
-QString ServiceProcess::standardOutput()
-{
-    capturedOutput += process.readAllStandardOutput();
-    return QString::fromLocal8Bit(capturedOutput);
-}
-
 QString ServiceProcess::standardError()
 {
     capturedError += process.readAllStandardError();

@@ -41,14 +41,12 @@ public:
     bool waitForExit(int timeoutMs = 30000);
     int exitCode() const { return process.exitCode(); }
     QProcess::ExitStatus exitStatus() const { return process.exitStatus(); }
-    QString standardOutput();
     QString standardError();
 
 private:
     QTemporaryDir tempDir;
     QProcessEnvironment environment;
     QProcess process;
-    QByteArray capturedOutput;
     QByteArray capturedError;
 };
 

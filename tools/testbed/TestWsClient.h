@@ -31,7 +31,6 @@ public:
     bool send(const QString& text) { return group.send(0, text.toStdString()); }
     void close() { group.close(0); } // clean WebSocket close
     void drop() { group.drop(0); }   // vanish: shut the TCP socket down without a close frame
-    bool waitClosed(int timeoutMs = 15000) { return group.waitEnded(0, ms(timeoutMs)); }
 
     // See WssClientGroup.
     QByteArray peerCertificateSha256() const { return QByteArray::fromStdString(group.peerCertificateSha256(0)); }

@@ -52,7 +52,6 @@ struct Connection
     Client::connection_ptr con;
     int status = 0;
     std::string peerSha256;
-    bool ended = false;
 };
 
 } // namespace
@@ -148,7 +147,6 @@ struct WssClientGroup::Impl
             std::lock_guard<std::mutex> lock(mutex);
             Connection& c = connections[static_cast<size_t>(index)];
             c.status = status;
-            c.ended = true;
             error = reason;
             if (wasOpen)
                 --openNow;
@@ -255,14 +253,6 @@ void WssClientGroup::drop(int connection)
     d->onIoThread(connection, [](Client::connection_ptr con) {
         boost::system::error_code ignored;
         con->get_raw_socket().shutdown(boost::asio::socket_base::shutdown_both, ignored);
-    });
-}
-
-bool WssClientGroup::waitEnded(int connection, std::chrono::milliseconds timeout)
-{
-    std::unique_lock<std::mutex> lock(d->mutex);
-    return d->changed.wait_for(lock, timeout, [this, connection] {
-        return connection < d->started && d->connections[static_cast<size_t>(connection)].ended;
     });
 }
 

@@ -33,8 +33,6 @@ public:
     bool send(int connection, const std::string& text);
     void close(int connection); // clean WebSocket close
     void drop(int connection);  // vanish: shut the TCP socket down without a close frame
-    // Until the connection has closed or failed.
-    bool waitEnded(int connection, std::chrono::milliseconds timeout);
     // Closes the open connections politely and waits for the server's answers.
     bool closeAll(std::chrono::milliseconds timeout);
 

@@ -98,9 +98,7 @@ bool VirtualCard::layOn(uint16_t port, const std::string& host)
     {
         std::lock_guard<std::mutex> lock(mutex);
         connected = true;
-        powered = false;
         powerUps = 0;
-        presenceChecks = 0;
         atrFollowsPowerUp = false;
         apdus.clear();
         error.clear();
@@ -197,7 +195,6 @@ void VirtualCard::serve()
     {
         std::lock_guard<std::mutex> lock(mutex);
         connected = false;
-        powered = false;
     }
     changed.notify_all();
     trace("off the reader");
@@ -206,17 +203,13 @@ void VirtualCard::serve()
 bool VirtualCard::handleControl(int fd, uint8_t control)
 {
     switch (control) {
-    case controlPowerOff: {
-        std::lock_guard<std::mutex> lock(mutex);
-        powered = false;
+    case controlPowerOff:
         break;
-    }
     case controlPowerOn:
     case controlReset: {
         personality.reset();
         {
             std::lock_guard<std::mutex> lock(mutex);
-            powered = true;
             atrFollowsPowerUp = true;
         }
         trace(control == controlPowerOn ? "power on" : "reset");
@@ -226,8 +219,6 @@ bool VirtualCard::handleControl(int fd, uint8_t control)
         bool powerUpDone = false;
         {
             std::lock_guard<std::mutex> lock(mutex);
-            if (!atrFollowsPowerUp)
-                ++presenceChecks;
             powerUpDone = atrFollowsPowerUp;
             atrFollowsPowerUp = false;
         }
@@ -277,18 +268,6 @@ std::string VirtualCard::lastError() const
     return error;
 }
 
-bool VirtualCard::waitForPowerOn(std::chrono::milliseconds timeout) const
-{
-    std::unique_lock<std::mutex> lock(mutex);
-    return changed.wait_for(lock, timeout, [this] { return powered; });
-}
-
-bool VirtualCard::waitForApdus(size_t count, std::chrono::milliseconds timeout) const
-{
-    std::unique_lock<std::mutex> lock(mutex);
-    return changed.wait_for(lock, timeout, [this, count] { return apdus.size() >= count; });
-}
-
 bool VirtualCard::waitUntilOffReader(std::chrono::milliseconds timeout) const
 {
     std::unique_lock<std::mutex> lock(mutex);
@@ -311,18 +290,6 @@ bool VirtualCard::atrFollowsPowerUpNow() const
 {
     std::lock_guard<std::mutex> lock(mutex);
     return atrFollowsPowerUp;
-}
-
-int VirtualCard::presenceCheckCount() const
-{
-    std::lock_guard<std::mutex> lock(mutex);
-    return presenceChecks;
-}
-
-bool VirtualCard::waitForPresenceChecks(int count, std::chrono::milliseconds timeout) const
-{
-    std::unique_lock<std::mutex> lock(mutex);
-    return changed.wait_for(lock, timeout, [this, count] { return presenceChecks >= count; });
 }
 
 void VirtualCard::trace(const std::string& line) const

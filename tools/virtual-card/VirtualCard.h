@@ -42,9 +42,6 @@ public:
     bool isOnReader() const;
     std::string lastError() const;
 
-    // Whether the reader has powered the card (power on or reset, and no power off since).
-    bool waitForPowerOn(std::chrono::milliseconds timeout) const;
-    bool waitForApdus(size_t count, std::chrono::milliseconds timeout) const;
     // Until the connection has ended, from either side.
     bool waitUntilOffReader(std::chrono::milliseconds timeout) const;
 
@@ -52,10 +49,6 @@ public:
     std::vector<Bytes> receivedApdus() const;
     // Power-ons and resets: the reader resets the card when a user lets go of it.
     bool waitForPowerUps(int count, std::chrono::milliseconds timeout) const;
-    // ATR requests that do not follow a power-on or reset: the reader's periodic checks
-    // that the card is still there, made whether or not anyone uses the card.
-    int presenceCheckCount() const;
-    bool waitForPresenceChecks(int count, std::chrono::milliseconds timeout) const;
 
 private:
     void serve();
@@ -77,9 +70,7 @@ private:
     mutable std::mutex mutex;
     mutable std::condition_variable changed;
     bool connected = false;
-    bool powered = false;
     int powerUps = 0;
-    int presenceChecks = 0;
     bool atrFollowsPowerUp = false;
     std::vector<Bytes> apdus;
     std::string error;
