@@ -67,6 +67,7 @@ Context tlsContext(const TestCertificate* serverCertificate)
     if (!serverCertificate)
         return context;
     SSL_CTX_set_mode(ctx, SSL_MODE_RELEASE_BUFFERS | SSL_MODE_NO_AUTO_CHAIN);
+    SSL_CTX_set_read_ahead(ctx, 1);
     SSL_CTX_set_session_cache_mode(ctx, SSL_SESS_CACHE_OFF);
     SSL_CTX_set_options(ctx, SSL_OP_NO_TICKET);
     if (SSL_CTX_use_certificate_chain_file(ctx, serverCertificate->certFile().toUtf8().constData()) != 1
