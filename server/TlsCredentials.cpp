@@ -39,11 +39,19 @@ TlsCredentials::TlsCredentials(const QString& certFile, const QString& keyFile)
     : certFile(certFile)
     , keyFile(keyFile)
 {
-    namespace ssl = boost::asio::ssl;
-    shared = std::make_shared<ssl::context>(ssl::context::tlsv12);
-    shared->set_options(ssl::context::default_workarounds | ssl::context::no_sslv2
-                        | ssl::context::no_sslv3 | ssl::context::single_dh_use);
+    shared = std::make_shared<boost::asio::ssl::context>(boost::asio::ssl::context::tlsv12);
     SSL_CTX* native = shared->native_handle();
+    applyServerSettings(native);
+    // The library creates each connection's TLS state before its client arrives; credentials
+    // put on at the start of the handshake are the ones on disk at that moment.
+    SSL_CTX_set_cert_cb(native, &TlsCredentials::onHandshake, this);
+}
+
+TlsCredentials::~TlsCredentials() = default;
+
+void TlsCredentials::applyServerSettings(SSL_CTX* native)
+{
+    SSL_CTX_set_options(native, SSL_OP_ALL | SSL_OP_NO_SSLv2 | SSL_OP_NO_SSLv3 | SSL_OP_SINGLE_DH_USE);
     SSL_CTX_set_min_proto_version(native, TLS1_2_VERSION);
     SSL_CTX_set_max_proto_version(native, TLS1_2_VERSION);
     // Thousands of idle clients would otherwise each keep some 50 KB of TLS buffers.
@@ -64,12 +72,7 @@ TlsCredentials::TlsCredentials(const QString& certFile, const QString& keyFile)
     // Forward secrecy and authenticated encryption only, for ECDSA and RSA certificates alike.
     if (SSL_CTX_set_cipher_list(native, "ECDHE+AESGCM:ECDHE+CHACHA20") != 1)
         TLOG_ERROR() << "Could not set the TLS cipher list:" << takeOpenSslErrors();
-    // The library creates each connection's TLS state before its client arrives; credentials
-    // put on at the start of the handshake are the ones on disk at that moment.
-    SSL_CTX_set_cert_cb(native, &TlsCredentials::onHandshake, this);
 }
-
-TlsCredentials::~TlsCredentials() = default;
 
 TlsCredentials::FileStamp TlsCredentials::stampOf(const QString& path)
 {

@@ -26,6 +26,10 @@ public:
 
     const ContextPtr& context() const { return shared; }
 
+    // The service's TLS settings, bar the credentials: for its own context, and for any that
+    // stands in for it.
+    static void applyServerSettings(SSL_CTX* context);
+
 private:
     struct FileStamp
     {

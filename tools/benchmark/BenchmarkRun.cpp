@@ -50,6 +50,14 @@ void progress(const std::string& line)
     std::cerr << "tiv-benchmark: " << line << std::endl;
 }
 
+// The service's CPU time between two readings, in ms for each of `items`; none without both.
+std::optional<double> cpuMsEach(std::optional<double> before, std::optional<double> after, size_t items)
+{
+    if (!before || !after || items == 0)
+        return std::nullopt;
+    return (*after - *before) * 1000.0 / static_cast<double>(items);
+}
+
 WssClientGroup::MessageHandler recordIn(TagArrivals& arrivals)
 {
     return [&arrivals](int connection, const std::string& text, Clock::time_point arrival) {
@@ -192,8 +200,7 @@ RoundResult BenchmarkRun::runRound(const ServiceStack& target, ReaderPresenceWat
         return round;
     round.connectSeconds = std::chrono::duration<double>(Clock::now() - connectStart).count();
     const std::optional<double> cpuBeforeTaps = ProcessStats::cpuSeconds(target.servicePid());
-    if (cpuBeforeConnect && cpuBeforeTaps)
-        round.cpuPerConnectionMs = (*cpuBeforeTaps - *cpuBeforeConnect) * 1000.0 / clients;
+    round.cpuPerConnectionMs = cpuMsEach(cpuBeforeConnect, cpuBeforeTaps, static_cast<size_t>(clients));
     round.residentKiB = ProcessStats::residentKiB(target.servicePid()).value_or(0);
 
     progress(std::to_string(clients) + " client(s): " + std::to_string(taps) + " taps");
@@ -216,9 +223,7 @@ RoundResult BenchmarkRun::runRound(const ServiceStack& target, ReaderPresenceWat
         round.serviceShare.push_back(msBetween(times->seen, times->spread->last));
         round.firstToLast.push_back(msBetween(times->spread->first, times->spread->last));
     }
-    const std::optional<double> cpuAfterTaps = ProcessStats::cpuSeconds(target.servicePid());
-    if (cpuBeforeTaps && cpuAfterTaps && !round.lastClient.empty())
-        round.cpuPerTapMs = (*cpuAfterTaps - *cpuBeforeTaps) * 1000.0 / static_cast<double>(round.lastClient.size());
+    round.cpuPerTapMs = cpuMsEach(cpuBeforeTaps, ProcessStats::cpuSeconds(target.servicePid()), round.lastClient.size());
     if (cancelled && round.error.empty())
         round.error = "cancelled";
     group.closeAll(30s);

@@ -2,6 +2,7 @@
 
 #include "LatencySummary.h"
 #include "TestCertificate.h"
+#include "TlsCredentials.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -57,7 +58,8 @@ int listenOnLoopback(Descriptors& open, sockaddr_in& address)
 
 using Context = std::unique_ptr<SSL_CTX, void (*)(SSL_CTX*)>;
 
-// TLS 1.2 only; the server's as the service sets up its own, with a certificate of the same kind.
+// TLS 1.2 only. The server's has the service's own settings, with its credentials on the context
+// rather than put on at each handshake, and a certificate of the same kind.
 Context tlsContext(const TestCertificate* serverCertificate)
 {
     Context context(SSL_CTX_new(serverCertificate ? TLS_server_method() : TLS_client_method()), SSL_CTX_free);
@@ -66,13 +68,9 @@ Context tlsContext(const TestCertificate* serverCertificate)
         return Context(nullptr, SSL_CTX_free);
     if (!serverCertificate)
         return context;
-    SSL_CTX_set_mode(ctx, SSL_MODE_RELEASE_BUFFERS | SSL_MODE_NO_AUTO_CHAIN);
-    SSL_CTX_set_read_ahead(ctx, 1);
-    SSL_CTX_set_session_cache_mode(ctx, SSL_SESS_CACHE_OFF);
-    SSL_CTX_set_options(ctx, SSL_OP_NO_TICKET);
+    TlsCredentials::applyServerSettings(ctx);
     if (SSL_CTX_use_certificate_chain_file(ctx, serverCertificate->certFile().toUtf8().constData()) != 1
-        || SSL_CTX_use_PrivateKey_file(ctx, serverCertificate->keyFile().toUtf8().constData(), SSL_FILETYPE_PEM) != 1
-        || SSL_CTX_set_cipher_list(ctx, "ECDHE+AESGCM:ECDHE+CHACHA20") != 1)
+        || SSL_CTX_use_PrivateKey_file(ctx, serverCertificate->keyFile().toUtf8().constData(), SSL_FILETYPE_PEM) != 1)
         return Context(nullptr, SSL_CTX_free);
     return context;
 }
