@@ -1,8 +1,7 @@
 #include "PCSCMonitor.h"
 
+#include "Backoff.h"
 #include "Log.h"
-
-#include <algorithm>
 
 PCSCMonitor::PCSCMonitor(std::function<bool()> probe, QObject* parent)
     : PCSCMonitor(std::move(probe), Pacing(), parent)
@@ -24,7 +23,7 @@ void PCSCMonitor::process()
     const Clock::time_point began = Clock::now();
     Clock::time_point lastReport = began;
     int attempts = 0;
-    std::chrono::milliseconds retry = pacing.firstRetry;
+    Backoff retry(pacing.firstRetry, pacing.longestRetry);
 
     while (pause(std::chrono::milliseconds::zero())) {
         if (probe()) {
@@ -39,9 +38,8 @@ void PCSCMonitor::process()
                         << attempts << "attempts.";
             lastReport = now;
         }
-        if (!pause(retry))
+        if (!pause(retry.next()))
             return;
-        retry = std::min(retry * 2, pacing.longestRetry);
     }
 }
 

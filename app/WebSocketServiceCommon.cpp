@@ -2,7 +2,6 @@
 
 #include "PCSCMonitor.h"
 #include "Settings.h"
-#include "ThreadJoin.h"
 
 #include "PcscService.h"
 #include "ReaderCommand.h"
@@ -19,7 +18,6 @@
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QThread>
 
 namespace {
 
@@ -28,34 +26,21 @@ QString messageText(const QJsonObject& message)
     return QString::fromUtf8(QJsonDocument(message).toJson());
 }
 
-// A stop can fall between the card loop's last look at its flag and the start of its wait,
-// where the cancel is lost; stopping again now and then ends such a wait too.
-void stopAndJoin(SmartCardController* card, QThread* thread)
-{
-    card->stop();
-    thread->quit();
-    while (!ThreadJoin::wait(thread, 100))
-        card->stop();
-}
-
 } // namespace
 
 WebSocketServiceCommon::WebSocketServiceCommon(QObject* parent) : QObject(parent) {}
 
-// Runs at process end, after stop(): the stopped server thread goes last so that its endpoint
-// and the connections it still holds are released rather than abandoned.
-WebSocketServiceCommon::~WebSocketServiceCommon()
-{
-    delete serverThread;
-}
+// Members go in reverse order: the monitor and the card thread end before the server thread
+// their handlers send to. Nothing is saved: a service that never served has nothing to keep.
+WebSocketServiceCommon::~WebSocketServiceCommon() = default;
 
 bool WebSocketServiceCommon::start()
 {
+    if (stopped)
+        return false;
     Settings* settings = Settings::Instance();
     const QString certFile = settings->GetCertFile();
     const QString keyFile = settings->GetKeyFile();
-    const QString logPath = settings->GetLogPath();
-    const quint16 port = settings->GetPort();
 
     TLOG_DEBUG() << "Certfile:" << certFile;
     TLOG_DEBUG() << "Keyfile:" << keyFile;
@@ -65,112 +50,85 @@ bool WebSocketServiceCommon::start()
         return false;
     }
 
-    serverThread = new ServerThread(port, certFile, keyFile, logPath, nullptr);
+    serverThread = std::make_unique<ServerThread>(settings->GetPort(), certFile, keyFile, settings->GetLogPath(),
+                                                  nullptr);
     serverThread->setAllowedOrigins(settings->GetAllowedOrigins());
+    // Connected before the thread runs, so that no client can open before it is greeted.
+    connect(serverThread.get(), &ServerThread::onClientConnected, serverThread.get(),
+            [this](ConnectionContext context) { greetClient(context); }, Qt::DirectConnection);
     serverThread->start();
     if (!serverThread->waitForInit())
         return false;
 
-    connect(serverThread, &ServerThread::onClientConnected, serverThread,
-            [this](ConnectionContext context) { greetClient(context); }, Qt::DirectConnection);
-    initCardHandling();
+    startCardHandling();
     return true;
 }
 
-void WebSocketServiceCommon::initCardHandling()
+void WebSocketServiceCommon::startCardHandling()
 {
     TLOG_INFO() << "Initializing card handling...";
-    cardObject = new SmartCardController(nullptr);
-    if (!cardObject->Initialize()) {
-        delete cardObject;
-        cardObject = nullptr;
+    auto controller = std::make_unique<SmartCardController>();
+    if (!controller->Initialize()) {
         TLOG_WARN() << "No PCSC running, starting monitor thread.";
         startMonitor();
         return;
     }
 
-    connectCardEvents();
-    cardThread = new QThread(nullptr);
-    qDebug() << "cardObject->moveToThread(cardThread)";
-    cardObject->moveToThread(cardThread);
-    connect(cardThread, &QThread::started, cardObject, &SmartCardController::process);
-    connect(cardThread, &QThread::finished, cardThread, [] { qDebug() << "Card thread finished."; },
-            Qt::DirectConnection);
-    ThreadJoin::announceEnd(cardThread);
-    cardThread->start();
-}
-
-// Messages are built on the card thread and handed straight to the server.
-void WebSocketServiceCommon::connectCardEvents()
-{
+    // The handlers run on the card thread: each message goes from there straight to the server.
     using Card = SmartCardController;
-    connect(cardObject, &Card::onRFID, cardObject, [this](QString cardID) { sendToAll(TagCommand::build(cardID)); },
+    Card* events = controller.get();
+    connect(events, &Card::onRFID, events,
+            [this](QString cardID) { serverThread->sendToAll(messageText(TagCommand::build(cardID))); },
             Qt::DirectConnection);
-    connect(cardObject, &Card::onSC, cardObject, [this](QString cardID) { sendToAll(SCCommand::build(cardID)); },
+    connect(events, &Card::onSC, events,
+            [this](QString cardID) { serverThread->sendToAll(messageText(SCCommand::build(cardID))); },
             Qt::DirectConnection);
-    connect(cardObject, &Card::onReaderConnect, cardObject,
-            [this](QString reader) { announceReader(reader, true); }, Qt::DirectConnection);
-    connect(cardObject, &Card::onReaderDisconnect, cardObject,
-            [this](QString reader) { announceReader(reader, false); }, Qt::DirectConnection);
-    connect(cardObject, &Card::onError, cardObject,
+    connect(events, &Card::onReaderConnect, events, [this](QString reader) { announceReader(reader, true); },
+            Qt::DirectConnection);
+    connect(events, &Card::onReaderDisconnect, events, [this](QString reader) { announceReader(reader, false); },
+            Qt::DirectConnection);
+    connect(events, &Card::onError, events,
             [](unsigned int code, QString message) { qDebug() << "Card reader error" << code << message; },
             Qt::DirectConnection);
-    connect(cardObject, &Card::serviceLost, this, &WebSocketServiceCommon::cardServiceLost, Qt::QueuedConnection);
+    connect(events, &Card::serviceLost, this, &WebSocketServiceCommon::cardServiceLost, Qt::QueuedConnection);
+
+    qDebug() << "cardObject->moveToThread(cardThread)";
+    card = std::make_unique<WorkerThread<SmartCardController>>(std::move(controller));
+    card->start();
 }
 
 // The card loop has ended and said so in the log; the monitor waits for PC/SC to return.
 void WebSocketServiceCommon::cardServiceLost()
 {
-    if (stopped || !cardThread)
+    if (stopped || !card)
         return;
-    stopCardThread();
+    endCardHandling();
     startMonitor();
 }
 
-void WebSocketServiceCommon::pcscAvailable()
+void WebSocketServiceCommon::endCardHandling()
 {
-    if (stopped)
+    if (!card)
         return;
-    stopMonitor();
-    TLOG_INFO() << "PC/SC service available.";
-    initCardHandling();
+    card.reset();
+    qDebug() << "Card thread finished.";
 }
 
 void WebSocketServiceCommon::startMonitor()
 {
-    monitorThread = new QThread(nullptr);
-    pcscMonitor = new PCSCMonitor(&PcscService::isAvailable, nullptr);
-    pcscMonitor->moveToThread(monitorThread);
-    connect(monitorThread, &QThread::started, pcscMonitor, &PCSCMonitor::process);
-    connect(pcscMonitor, &PCSCMonitor::pcscAvailable, this, &WebSocketServiceCommon::pcscAvailable,
+    monitor = std::make_unique<WorkerThread<PCSCMonitor>>(std::make_unique<PCSCMonitor>(&PcscService::isAvailable));
+    connect(&monitor->worker(), &PCSCMonitor::pcscAvailable, this, &WebSocketServiceCommon::pcscAvailable,
             Qt::QueuedConnection);
-    ThreadJoin::announceEnd(monitorThread);
-    monitorThread->start();
+    monitor->start();
 }
 
-void WebSocketServiceCommon::stopMonitor()
+void WebSocketServiceCommon::pcscAvailable()
 {
-    if (!monitorThread)
+    if (stopped || !monitor)
         return;
-    pcscMonitor->stop();
-    monitorThread->quit();
-    ThreadJoin::wait(monitorThread);
-    delete pcscMonitor;
-    pcscMonitor = nullptr;
-    delete monitorThread;
-    monitorThread = nullptr;
-}
-
-// With its thread ended the controller can be deleted here directly: a deferred delete would
-// never run.
-void WebSocketServiceCommon::stopCardThread()
-{
-    if (cardThread)
-        stopAndJoin(cardObject, cardThread);
-    delete cardObject;
-    cardObject = nullptr;
-    delete cardThread;
-    cardThread = nullptr;
+    monitor.reset();
+    TLOG_INFO() << "PC/SC service available.";
+    startCardHandling();
 }
 
 void WebSocketServiceCommon::greetClient(const ConnectionContext& context)
@@ -195,26 +153,16 @@ void WebSocketServiceCommon::announceReader(const QString& name, bool connected)
     serverThread->sendToAll(text);
 }
 
-void WebSocketServiceCommon::sendToAll(const QJsonObject& message)
-{
-    serverThread->sendToAll(messageText(message));
-}
-
 void WebSocketServiceCommon::stop()
 {
+    if (stopped)
+        return;
     stopped = true;
     if (serverThread) {
         serverThread->stopServer();
         serverThread->wait();
     }
-    stopMonitor();
-    stopCardThread();
-    Settings::Instance()->SaveSettings();
-}
-
-void WebSocketServiceCommon::loadSettings() {}
-
-void WebSocketServiceCommon::saveSettings()
-{
+    monitor.reset();
+    endCardHandling();
     Settings::Instance()->SaveSettings();
 }

@@ -1,6 +1,7 @@
+#include "Daemon.h"
 #include "Settings.h"
 #include "SignalForwarder.h"
-#include "WebSocketServiceUnix.h"
+#include "WebSocketServiceCommon.h"
 
 #include "DestinationFactory.h"
 #include "Log.h"
@@ -10,7 +11,6 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QSettings>
-#include <QTimer>
 
 #include <cerrno>
 #include <csignal>
@@ -19,20 +19,9 @@
 
 namespace {
 
-WebSocketServiceUnix* service = nullptr;
-
 void sig_handler(int signalNumber)
 {
     SignalForwarder::handleSignal(signalNumber);
-}
-
-// Runs on the main thread once the signal has been carried into the event loop.
-void stopService()
-{
-    if (service)
-        service->stop();
-    else
-        QCoreApplication::quit();
 }
 
 // Every client holds a descriptor: the usual soft limit of 1024 turned clients away while the
@@ -63,7 +52,7 @@ int main(int argc, char* argv[])
     QCoreApplication::setOrganizationName(QStringLiteral("TIV"));
     QCoreApplication::setOrganizationDomain(QStringLiteral("tiv.local"));
     QCoreApplication::setApplicationName(QStringLiteral("Tiv RFID WebSocket Service"));
-    QCoreApplication::setApplicationVersion(QStringLiteral("0.25"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(TIV_VERSION));
     QSettings::setDefaultFormat(QSettings::IniFormat);
 
     Settings::Instance()->LoadSettings();
@@ -90,8 +79,13 @@ int main(int argc, char* argv[])
     {
         QCoreApplication app(argc, argv);
 
+        WebSocketServiceCommon service;
         SignalForwarder signalForwarder;
-        QObject::connect(&signalForwarder, &SignalForwarder::stopRequested, &app, [] { stopService(); });
+        // Runs on the main thread once the signal has been carried into the event loop.
+        QObject::connect(&signalForwarder, &SignalForwarder::stopRequested, &app, [&service] {
+            service.stop();
+            QCoreApplication::quit();
+        });
         signal(SIGINT, sig_handler);
         signal(SIGTERM, sig_handler);
         signal(SIGHUP, sig_handler);
@@ -109,25 +103,20 @@ int main(int argc, char* argv[])
             TLOG_WARN().noquote() << warning;
         raiseDescriptorLimit();
 
-        service = new WebSocketServiceUnix(nullptr);
-
-        if (parser.isSet(daemonOption) && !service->daemonize()) {
+        if (parser.isSet(daemonOption) && !Daemon::detach()) {
             // The launching process and the intermediate child end here; only the
             // detached grandchild goes on to serve.
             status = 1;
         } else {
-            // The service starts from inside the running event loop.
-            QTimer startTimer;
-            startTimer.setSingleShot(true);
-            QObject::connect(&startTimer, &QTimer::timeout, &startTimer, [] { service->start(); },
-                             Qt::DirectConnection);
-            startTimer.start(100);
-
+            // The service starts from inside the running event loop; a stop that comes first
+            // has ended it for good.
+            QMetaObject::invokeMethod(
+                &service, [&service] {
+                    if (!service.start())
+                        QCoreApplication::quit();
+                },
+                Qt::QueuedConnection);
             status = app.exec();
-
-            WebSocketServiceUnix* finished = service;
-            service = nullptr;
-            delete finished;
         }
     }
     return status;
