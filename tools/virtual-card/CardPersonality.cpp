@@ -54,8 +54,11 @@ Bytes CardPersonality::defaultAcosAtr()
 
 Bytes CardPersonality::respond(const Bytes& apdu)
 {
-    if (forcedStatus)
+    if (forcedStatus && forcedCommandsLeft != 0) {
+        if (forcedCommandsLeft > 0)
+            --forcedCommandsLeft;
         return {forcedStatus->first, forcedStatus->second};
+    }
     if (apdu.size() < 4)
         return wrongLength;
     return kind == Kind::RfidTag ? respondAsTag(apdu) : respondAsAcos(apdu);
@@ -107,8 +110,11 @@ std::string CardPersonality::describe() const
 {
     std::string text = kind == Kind::RfidTag ? "RFID tag " : "ACOS card ";
     text += id.empty() ? "(empty id)" : formatHex(id);
-    if (forcedStatus)
+    if (forcedStatus) {
         text += ", answering " + formatHex({forcedStatus->first, forcedStatus->second});
+        if (forcedCommandsLeft >= 0)
+            text += " to the first " + std::to_string(forcedCommandsLeft) + " command(s)";
+    }
     return text;
 }
 

@@ -24,8 +24,13 @@ public:
     const Bytes& atr() const { return atrBytes; }
     void setAtr(Bytes atr) { atrBytes = std::move(atr); }
 
-    // A faulty card: every command is answered with this status word alone.
-    void setStatusWord(uint8_t sw1, uint8_t sw2) { forcedStatus = std::make_pair(sw1, sw2); }
+    // A faulty card: every command is answered with this status word alone; or only the first
+    // `commands` of them, like a card still entering the field.
+    void setStatusWord(uint8_t sw1, uint8_t sw2, int commands = -1)
+    {
+        forcedStatus = std::make_pair(sw1, sw2);
+        forcedCommandsLeft = commands;
+    }
 
     // Power-on and reset forget the selected file, as a real card does.
     void reset() { selectedFile.reset(); }
@@ -50,6 +55,7 @@ private:
     Bytes id;
     Bytes atrBytes;
     std::optional<std::pair<uint8_t, uint8_t>> forcedStatus;
+    int forcedCommandsLeft = -1; // -1: all of them
     std::optional<uint16_t> selectedFile;
 };
 

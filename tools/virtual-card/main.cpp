@@ -26,6 +26,7 @@ const char usage[] =
     "  --acos HEX     lay an ACOS card with this MCU ID and hold it there until Ctrl-C\n"
     "  --atr HEX      present this answer-to-reset instead of the card's usual one\n"
     "  --status SW    answer every command with the status word SW (four hex digits)\n"
+    "  --status-count N  only the first N commands (a card still entering the field)\n"
     "  --drop-at N    drop the connection in the middle of answering the N-th command\n"
     "  --pull-after N answer the N-th command, then drop the connection\n"
     "                 (0: as soon as the reader has powered the card up)\n"
@@ -46,6 +47,7 @@ struct Options
     Bytes id;
     std::optional<Bytes> atr;
     std::optional<Bytes> statusWord;
+    int statusCount = -1;
     int dropAt = 0;
     int pullAfter = -1;
     bool quiet = false;
@@ -127,6 +129,12 @@ bool parseArguments(int argc, char** argv, Options* options, bool* helpShown)
                 complain("bad status word (two hex bytes expected): " + value);
                 return false;
             }
+        } else if (arg == "--status-count") {
+            if (!parseNumber(value, 0, 1000000, &number)) {
+                complain("bad command count: " + value);
+                return false;
+            }
+            options->statusCount = static_cast<int>(number);
         } else if (arg == "--drop-at" || arg == "--pull-after") {
             if (!parseNumber(value, arg == "--drop-at" ? 1 : 0, 1000000, &number)) {
                 complain("bad command number: " + value);
@@ -151,7 +159,7 @@ std::unique_ptr<VirtualCard> makeCard(const Options& options, const std::string&
     if (options.atr)
         personality.setAtr(*options.atr);
     if (options.statusWord)
-        personality.setStatusWord((*options.statusWord)[0], (*options.statusWord)[1]);
+        personality.setStatusWord((*options.statusWord)[0], (*options.statusWord)[1], options.statusCount);
     const std::string description = personality.describe();
 
     auto card = std::make_unique<VirtualCard>(std::move(personality));
