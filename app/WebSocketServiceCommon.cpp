@@ -81,7 +81,7 @@ void WebSocketServiceCommon::initCardHandling()
 {
     TLOG_INFO() << "Initializing card handling...";
     cardObject = new SmartCardController(nullptr);
-    if (!cardObject->Initialize()) {
+    if (!cardObject->initialize()) {
         delete cardObject;
         cardObject = nullptr;
         TLOG_WARN() << "No PCSC running, starting monitor thread.";
@@ -112,9 +112,6 @@ void WebSocketServiceCommon::connectCardEvents()
             [this](QString reader) { announceReader(reader, true); }, Qt::DirectConnection);
     connect(cardObject, &Card::onReaderDisconnect, cardObject,
             [this](QString reader) { announceReader(reader, false); }, Qt::DirectConnection);
-    connect(cardObject, &Card::onError, cardObject,
-            [](unsigned int code, QString message) { qDebug() << "Card reader error" << code << message; },
-            Qt::DirectConnection);
     connect(cardObject, &Card::serviceLost, this, &WebSocketServiceCommon::cardServiceLost, Qt::QueuedConnection);
 }
 

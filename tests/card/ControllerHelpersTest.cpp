@@ -1,10 +1,10 @@
-#include "SmartCardController.h"
+#include "CardType.h"
 
 #include <gtest/gtest.h>
 
 namespace {
 
-using Type = SmartCardController::CardType;
+using Type = CardType;
 
 TEST(CardType, FollowsTheInterfaceBytesToTheAcosMarkWithoutReadingPastTheEnd)
 {
@@ -28,10 +28,9 @@ TEST(CardType, FollowsTheInterfaceBytesToTheAcosMarkWithoutReadingPastTheEnd)
         {{0x3B, 0x02, 0x41}, Type::RfidTag},
         {{0x3B, 0x8E, 0x80, 0x80, 0x80, 0x80}, Type::RfidTag},
     };
-    SmartCardController controller;
     for (size_t i = 0; i < std::size(cases); ++i) {
         const QVector<unsigned char> atr(cases[i].atr.begin(), cases[i].atr.end());
-        EXPECT_EQ(controller.getCardType(atr), cases[i].expected) << "case " << i;
+        EXPECT_EQ(cardTypeOf(atr), cases[i].expected) << "case " << i;
     }
 }
 
