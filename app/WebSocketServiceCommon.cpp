@@ -68,7 +68,7 @@ void WebSocketServiceCommon::startCardHandling()
 {
     TLOG_INFO() << "Initializing card handling...";
     auto controller = std::make_unique<SmartCardController>();
-    if (!controller->Initialize()) {
+    if (!controller->initialize()) {
         TLOG_WARN() << "No PCSC running, starting monitor thread.";
         startMonitor();
         return;
@@ -86,9 +86,6 @@ void WebSocketServiceCommon::startCardHandling()
     connect(events, &Card::onReaderConnect, events, [this](QString reader) { announceReader(reader, true); },
             Qt::DirectConnection);
     connect(events, &Card::onReaderDisconnect, events, [this](QString reader) { announceReader(reader, false); },
-            Qt::DirectConnection);
-    connect(events, &Card::onError, events,
-            [](unsigned int code, QString message) { qDebug() << "Card reader error" << code << message; },
             Qt::DirectConnection);
     connect(events, &Card::serviceLost, this, &WebSocketServiceCommon::cardServiceLost, Qt::QueuedConnection);
 

@@ -1,4 +1,4 @@
-#include "SmartCardController.h"
+#include "SmartCardErrorMessages.h"
 
 #include <iterator>
 
@@ -58,10 +58,14 @@ static_assert(std::size(errorTexts) == 0x69, "one entry for each code from 0x801
 
 } // namespace
 
-QString SmartCardController::getErrorMessage(int code)
+namespace SmartCardErrorMessages {
+
+QString text(int code)
 {
     const quint32 index = static_cast<quint32>(code) - firstDocumentedCode;
     if (index < std::size(errorTexts) && errorTexts[index])
         return QString::fromLatin1(errorTexts[index]);
     return QStringLiteral("Error is not documented.");
 }
+
+} // namespace SmartCardErrorMessages

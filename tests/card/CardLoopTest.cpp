@@ -2,6 +2,7 @@
 
 #include "PcscService.h"
 #include "ReaderCommand.h"
+#include "SmartCardErrorMessages.h"
 
 #include <QJsonDocument>
 
@@ -61,7 +62,7 @@ TEST_F(CardLoop, AReaderUnpluggedDuringAWaitCostsTheOthersNothing)
         if (failure != SCARD_S_SUCCESS)
             expected.push_back(QStringLiteral("error %1 %2")
                                    .arg(static_cast<quint32>(failure), 8, 16, QLatin1Char('0'))
-                                   .arg(controller->getErrorMessage(static_cast<int>(failure)))
+                                   .arg(SmartCardErrorMessages::text(static_cast<int>(failure)))
                                    .toStdString());
         expected.insert(expected.end(), {"disconnect A", "rfid 0b", "disconnect B"});
         EXPECT_EQ(run(), expected);

@@ -1,10 +1,13 @@
-#include "SmartCardController.h"
+#include "ApduResponse.h"
+#include "CardType.h"
+#include "LogCapture.h"
+#include "PcscCall.h"
 
 #include <gtest/gtest.h>
 
 namespace {
 
-using Type = SmartCardController::CardType;
+using Type = CardType;
 
 TEST(CardType, FollowsTheInterfaceBytesToTheAcosMarkWithoutReadingPastTheEnd)
 {
@@ -28,11 +31,51 @@ TEST(CardType, FollowsTheInterfaceBytesToTheAcosMarkWithoutReadingPastTheEnd)
         {{0x3B, 0x02, 0x41}, Type::RfidTag},
         {{0x3B, 0x8E, 0x80, 0x80, 0x80, 0x80}, Type::RfidTag},
     };
-    SmartCardController controller;
     for (size_t i = 0; i < std::size(cases); ++i) {
         const QVector<unsigned char> atr(cases[i].atr.begin(), cases[i].atr.end());
-        EXPECT_EQ(controller.getCardType(atr), cases[i].expected) << "case " << i;
+        EXPECT_EQ(cardTypeOf(atr), cases[i].expected) << "case " << i;
     }
+}
+
+TEST(ApduResponse, TellsTheStatusOnlyOfAReplyLongEnoughToHoldIt)
+{
+    using Bytes = ApduResponse::Bytes;
+    for (const Bytes& tooShort : {Bytes{}, Bytes{0x90}, Bytes{0x00}}) {
+        const ApduResponse reply(tooShort);
+        EXPECT_FALSE(reply.isOk()) << tooShort.size();
+        EXPECT_FALSE(reply.hasStatus(0x90, 0x00)) << tooShort.size();
+        EXPECT_EQ(reply.data(), Bytes{}) << tooShort.size();
+    }
+
+    EXPECT_TRUE(ApduResponse({0x90, 0x00}).isOk());
+    EXPECT_EQ(ApduResponse({0x90, 0x00}).data(), Bytes{});
+
+    const ApduResponse alsoSelected({0x91, 0x00});
+    EXPECT_FALSE(alsoSelected.isOk());
+    EXPECT_TRUE(alsoSelected.hasStatus(0x91, 0x00));
+
+    EXPECT_EQ(ApduResponse({0x04, 0xA1, 0x90, 0x00}).data(), (Bytes{0x04, 0xA1}));
+    // The status word is the last two bytes, wherever else 90 00 appears.
+    EXPECT_FALSE(ApduResponse({0x90, 0x00, 0x6A, 0x82}).isOk());
+}
+
+TEST(PcscCall, LogsAFailureWithTheCallsNameAndTextAndASuccessNotAtAll)
+{
+    LogCapture& log = LogCapture::instance();
+    log.clear();
+
+    EXPECT_TRUE(PcscCall("SCardBeginTransaction", SCARD_S_SUCCESS).succeeded());
+    PcscCall("SCardBeginTransaction", SCARD_S_SUCCESS).log(Log::LevelError);
+    EXPECT_EQ(log.count(QStringLiteral("SCardBeginTransaction")), 0);
+
+    EXPECT_FALSE(PcscCall("SCardConnect", SCARD_W_REMOVED_CARD).succeeded());
+    EXPECT_EQ(log.count({"WARN", "SCardConnect returned: -2146434967",
+                         "The smart card has been removed and no further communication is possible."}),
+              1);
+
+    // pcsc-lite's 64-bit LONG holds the code unsigned; the log shows the signed 32-bit value.
+    PcscCall("SCardListReaders", static_cast<LONG>(0x8010001DUL)).log(Log::LevelError);
+    EXPECT_EQ(log.count({"ERROR", "SCardListReaders returned: -2146435043", "resource manager is not running."}), 1);
 }
 
 } // namespace

@@ -4,6 +4,8 @@
 #include "LogCapture.h"
 #include "SmartCardController.h"
 
+#include <QRegularExpression>
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -11,11 +13,57 @@
 #include <cctype>
 #include <iterator>
 #include <memory>
+#include <mutex>
 
 using Lines = std::vector<std::string>;
 
-// Hands a controller's signals to `observer` as lines ("connect <reader>", "rfid <id>",
-// "sc <id>", "removed", "error <hex code> <text>", ...), on whichever thread emits them.
+// Hands the PC/SC failures the card code logs ("<call> returned: <code> <text>") to the
+// observer as "error <hex code> <text>", on the logging thread and in order with the signals.
+class FailureLog : public Log::Destination
+{
+public:
+    using Observer = std::function<void(const QString& line)>;
+
+    static void observe(Observer observer)
+    {
+        static const bool installed = [] {
+            LogCapture::instance(); // sets the level, and must come first
+            Log::Logger::instance().addDestination(Log::DestinationPtr(new FailureLog));
+            return true;
+        }();
+        (void)installed;
+        std::lock_guard<std::mutex> lock(mutex());
+        current() = std::move(observer);
+    }
+
+    void write(const QString& message, Log::Level) override
+    {
+        static const QRegularExpression failure(QStringLiteral(R"re(returned: (-?\d+) "(.*)"\s*$)re"));
+        const QRegularExpressionMatch match = failure.match(message);
+        std::lock_guard<std::mutex> lock(mutex());
+        if (!match.hasMatch() || !current())
+            return;
+        const quint32 code = static_cast<quint32>(match.captured(1).toInt());
+        current()(QStringLiteral("error %1 %2").arg(code, 8, 16, QLatin1Char('0')).arg(match.captured(2)));
+    }
+    bool isValid() override { return true; }
+
+private:
+    static std::mutex& mutex()
+    {
+        static std::mutex guard;
+        return guard;
+    }
+    static Observer& current()
+    {
+        static Observer observer;
+        return observer;
+    }
+};
+
+// Hands a controller's signals and logged PC/SC failures to `observer` as lines ("connect
+// <reader>", "rfid <id>", "sc <id>", "removed", "error <hex code> <text>", ...), on whichever
+// thread emits them.
 class CardEventLog
 {
 public:
@@ -28,9 +76,7 @@ public:
             QObject::connect(controller, signal, controller,
                              [observer, toLine](auto... args) { observer(toLine(args...)); }, Qt::DirectConnection);
         };
-        on(&C::onError, [](unsigned int code, const QString& text) {
-            return QStringLiteral("error %1 %2").arg(code, 8, 16, QLatin1Char('0')).arg(text);
-        });
+        FailureLog::observe(observer);
         on(&C::onRFID, [](const QString& id) { return "rfid " + id; });
         on(&C::onSC, [](const QString& id) { return "sc " + id; });
         on(&C::onReaderConnect, [](const QString& name) { return "connect " + name; });
@@ -38,6 +84,9 @@ public:
         on(&C::cardRemoved, [] { return QStringLiteral("removed"); });
         on(&C::serviceLost, [] { return QStringLiteral("service lost"); });
     }
+    ~CardEventLog() { FailureLog::observe({}); }
+    CardEventLog(const CardEventLog&) = delete;
+    CardEventLog& operator=(const CardEventLog&) = delete;
 };
 
 // Runs the card loop on the test's own thread against the scripted PC/SC stack; the loop
@@ -51,6 +100,7 @@ protected:
     // A fresh stack and controller, whose context is established or fails with `establish`.
     void start(LONG establish = SCARD_S_SUCCESS)
     {
+        events.reset();
         controller.reset(); // releases its context on the old stack
         LogCapture::instance().clear();
         FakePcsc::stack = FakePcsc::Stack();
@@ -60,7 +110,7 @@ protected:
         FakePcsc::stack.onScriptEnd = [this] { controller->stop(); };
         events = std::make_unique<CardEventLog>(
             controller.get(), [](const QString& line) { FakePcsc::stack.journal.push_back(line.toStdString()); });
-        EXPECT_EQ(controller->Initialize(), establish == SCARD_S_SUCCESS);
+        EXPECT_EQ(controller->initialize(), establish == SCARD_S_SUCCESS);
     }
 
     // The signals and the test's notes, in order: the journal without the PC/SC calls, which
