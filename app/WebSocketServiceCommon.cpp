@@ -17,16 +17,9 @@
 #include <QCoreApplication>
 #include <QDebug>
 #include <QFile>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QThread>
 
 namespace {
-
-QString messageText(const QJsonObject& message)
-{
-    return QString::fromUtf8(QJsonDocument(message).toJson());
-}
 
 // A stop can fall between the card loop's last look at its flag and the start of its wait,
 // where the cancel is lost; stopping again now and then ends such a wait too.
@@ -179,14 +172,14 @@ void WebSocketServiceCommon::greetClient(const ConnectionContext& context)
     std::lock_guard<std::mutex> lock(readersMutex);
     QStringList greeting;
     for (const QString& reader : qAsConst(knownReaders))
-        greeting << messageText(ReaderCommand::build(reader, true));
-    greeting << messageText(VersionCommand::build(QCoreApplication::applicationVersion()));
+        greeting << ReaderCommand::build(reader, true);
+    greeting << VersionCommand::build(QCoreApplication::applicationVersion());
     serverThread->admitClient(context, greeting);
 }
 
 void WebSocketServiceCommon::announceReader(const QString& name, bool connected)
 {
-    const QString text = messageText(ReaderCommand::build(name, connected));
+    const QString text = ReaderCommand::build(name, connected);
     std::lock_guard<std::mutex> lock(readersMutex);
     if (connected)
         knownReaders.append(name);
@@ -195,9 +188,9 @@ void WebSocketServiceCommon::announceReader(const QString& name, bool connected)
     serverThread->sendToAll(text);
 }
 
-void WebSocketServiceCommon::sendToAll(const QJsonObject& message)
+void WebSocketServiceCommon::sendToAll(const QString& message)
 {
-    serverThread->sendToAll(messageText(message));
+    serverThread->sendToAll(message);
 }
 
 void WebSocketServiceCommon::stop()

@@ -9,7 +9,6 @@
 #include <mutex>
 
 class PCSCMonitor;
-class QJsonObject;
 class QThread;
 class ServerThread;
 class SmartCardController;
@@ -43,7 +42,7 @@ private:
     void stopCardThread();
     void greetClient(const ConnectionContext& context);
     void announceReader(const QString& name, bool connected);
-    void sendToAll(const QJsonObject& message);
+    void sendToAll(const QString& message);
 
     ServerThread* serverThread = nullptr;
     SmartCardController* cardObject = nullptr;
