@@ -29,15 +29,9 @@ DestinationPtr DestinationFactory::MakeDebugOutputDestination()
     return DestinationPtr(new DebugOutputDestination);
 }
 
-// Built from the derived pointer, so the shared pointer knows it owns a QObject.
 DestinationPtr DestinationFactory::MakeFunctorDestination(LogFunction function)
 {
     return DestinationPtr(new FunctorDestination(function));
-}
-
-DestinationPtr DestinationFactory::MakeFunctorDestination(QObject* receiver, const char* method)
-{
-    return DestinationPtr(new FunctorDestination(receiver, method));
 }
 
 } // namespace Log

@@ -27,7 +27,7 @@ void SizeRotationStrategy::rotate()
 {
     if (backupsCount == 0) {
         if (!QFile::remove(fileName))
-            DebugOutput::report(QStringLiteral("Log: backup delete failed ") + fileName);
+            DebugOutput::output(QStringLiteral("Log: backup delete failed ") + fileName);
         return;
     }
 
@@ -44,7 +44,7 @@ void SizeRotationStrategy::rotate()
         const QString to = backupName(i + 1);
         QFile::remove(to);
         if (!QFile::rename(from, to))
-            DebugOutput::report(QStringLiteral("Log: could not rename backup ") + from
+            DebugOutput::output(QStringLiteral("Log: could not rename backup ") + from
                                 + QStringLiteral(" to ") + to);
     }
 
@@ -52,7 +52,7 @@ void SizeRotationStrategy::rotate()
     if (QFile::exists(firstBackup))
         QFile::remove(firstBackup);
     if (!QFile::rename(fileName, firstBackup))
-        DebugOutput::report(QStringLiteral("Log: could not rename log ") + fileName
+        DebugOutput::output(QStringLiteral("Log: could not rename log ") + fileName
                             + QStringLiteral(" to ") + firstBackup);
 }
 
