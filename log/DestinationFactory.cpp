@@ -13,14 +13,10 @@ DestinationPtr DestinationFactory::MakeFileDestination(const QString& filePath,
                                                        const MaxOldLogCount& backupCount)
 {
     QSharedPointer<RotationStrategy> strategy;
-    if (rotation == LogRotationEnabled) {
-        auto sizeRotation = QSharedPointer<SizeRotationStrategy>::create();
-        sizeRotation->setMaximumSizeInBytes(maxSize.size);
-        sizeRotation->setBackupCount(backupCount.count);
-        strategy = sizeRotation;
-    } else {
+    if (rotation == LogRotationEnabled)
+        strategy = QSharedPointer<SizeRotationStrategy>::create(maxSize.size, backupCount.count);
+    else
         strategy = QSharedPointer<NullRotationStrategy>::create();
-    }
     return DestinationPtr(new FileDestination(filePath, strategy));
 }
 

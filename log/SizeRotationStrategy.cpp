@@ -6,6 +6,11 @@
 
 namespace Log {
 
+SizeRotationStrategy::SizeRotationStrategy(qint64 maxBytes, int backupCount)
+    : maxSizeInBytes(maxBytes), backupsCount(qMin(backupCount, MaxBackupCount))
+{
+}
+
 void SizeRotationStrategy::setInitialInfo(const QFile& file)
 {
     fileName = file.fileName();
@@ -59,16 +64,6 @@ void SizeRotationStrategy::rotate()
 QIODevice::OpenModeFlag SizeRotationStrategy::recommendedOpenModeFlag()
 {
     return QIODevice::Append;
-}
-
-void SizeRotationStrategy::setMaximumSizeInBytes(qint64 size)
-{
-    maxSizeInBytes = size;
-}
-
-void SizeRotationStrategy::setBackupCount(int count)
-{
-    backupsCount = qMin(count, MaxBackupCount);
 }
 
 QString SizeRotationStrategy::backupName(int number) const
