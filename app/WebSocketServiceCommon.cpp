@@ -16,17 +16,6 @@
 #include <QCoreApplication>
 #include <QDebug>
 #include <QFile>
-#include <QJsonDocument>
-#include <QJsonObject>
-
-namespace {
-
-QString messageText(const QJsonObject& message)
-{
-    return QString::fromUtf8(QJsonDocument(message).toJson());
-}
-
-} // namespace
 
 WebSocketServiceCommon::WebSocketServiceCommon(QObject* parent) : QObject(parent) {}
 
@@ -78,10 +67,10 @@ void WebSocketServiceCommon::startCardHandling()
     using Card = SmartCardController;
     Card* events = controller.get();
     connect(events, &Card::onRFID, events,
-            [this](QString cardID) { serverThread->sendToAll(messageText(TagCommand::build(cardID))); },
+            [this](QString cardID) { serverThread->sendToAll(TagCommand::build(cardID)); },
             Qt::DirectConnection);
     connect(events, &Card::onSC, events,
-            [this](QString cardID) { serverThread->sendToAll(messageText(SCCommand::build(cardID))); },
+            [this](QString cardID) { serverThread->sendToAll(SCCommand::build(cardID)); },
             Qt::DirectConnection);
     connect(events, &Card::onReaderConnect, events, [this](QString reader) { announceReader(reader, true); },
             Qt::DirectConnection);
@@ -134,14 +123,14 @@ void WebSocketServiceCommon::greetClient(const ConnectionContext& context)
     std::lock_guard<std::mutex> lock(readersMutex);
     QStringList greeting;
     for (const QString& reader : qAsConst(knownReaders))
-        greeting << messageText(ReaderCommand::build(reader, true));
-    greeting << messageText(VersionCommand::build(QCoreApplication::applicationVersion()));
+        greeting << ReaderCommand::build(reader, true);
+    greeting << VersionCommand::build(QCoreApplication::applicationVersion());
     serverThread->admitClient(context, greeting);
 }
 
 void WebSocketServiceCommon::announceReader(const QString& name, bool connected)
 {
-    const QString text = messageText(ReaderCommand::build(name, connected));
+    const QString text = ReaderCommand::build(name, connected);
     std::lock_guard<std::mutex> lock(readersMutex);
     if (connected)
         knownReaders.append(name);

@@ -10,9 +10,4 @@ void DebugOutput::output(const QString& message)
     std::fflush(stderr);
 }
 
-void DebugOutput::report(const QString& text)
-{
-    output(text);
-}
-
 } // namespace Log

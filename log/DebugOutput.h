@@ -11,8 +11,6 @@ class DebugOutput
 public:
     // The message and a line feed, flushed at once.
     static void output(const QString& message);
-    // A failure text, as a line of its own.
-    static void report(const QString& text);
 };
 
 } // namespace Log

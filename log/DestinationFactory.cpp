@@ -13,14 +13,10 @@ DestinationPtr DestinationFactory::MakeFileDestination(const QString& filePath,
                                                        const MaxOldLogCount& backupCount)
 {
     QSharedPointer<RotationStrategy> strategy;
-    if (rotation == LogRotationEnabled) {
-        auto sizeRotation = QSharedPointer<SizeRotationStrategy>::create();
-        sizeRotation->setMaximumSizeInBytes(maxSize.size);
-        sizeRotation->setBackupCount(backupCount.count);
-        strategy = sizeRotation;
-    } else {
+    if (rotation == LogRotationEnabled)
+        strategy = QSharedPointer<SizeRotationStrategy>::create(maxSize.size, backupCount.count);
+    else
         strategy = QSharedPointer<NullRotationStrategy>::create();
-    }
     return DestinationPtr(new FileDestination(filePath, strategy));
 }
 
@@ -29,15 +25,9 @@ DestinationPtr DestinationFactory::MakeDebugOutputDestination()
     return DestinationPtr(new DebugOutputDestination);
 }
 
-// Built from the derived pointer, so the shared pointer knows it owns a QObject.
 DestinationPtr DestinationFactory::MakeFunctorDestination(LogFunction function)
 {
     return DestinationPtr(new FunctorDestination(function));
-}
-
-DestinationPtr DestinationFactory::MakeFunctorDestination(QObject* receiver, const char* method)
-{
-    return DestinationPtr(new FunctorDestination(receiver, method));
 }
 
 } // namespace Log

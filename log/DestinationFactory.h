@@ -15,8 +15,6 @@ public:
                                               const MaxOldLogCount& backupCount);
     static DestinationPtr MakeDebugOutputDestination();
     static DestinationPtr MakeFunctorDestination(LogFunction function);
-    // `method` in Qt's SLOT()/SIGNAL() form, taking (QString, int); delivered queued.
-    static DestinationPtr MakeFunctorDestination(QObject* receiver, const char* method);
 };
 
 } // namespace Log

@@ -79,20 +79,6 @@ void Logger::destroyInstance()
     theLogger = nullptr;
 }
 
-Level Logger::levelFromLogMessage(const QString& line, bool* succeeded)
-{
-    if (succeeded)
-        *succeeded = true;
-    for (int value = LevelTrace; value <= LevelFatal; ++value) {
-        const Level level = static_cast<Level>(value);
-        if (line.startsWith(QLatin1String(levelToText(level)), Qt::CaseSensitive))
-            return level;
-    }
-    if (succeeded)
-        *succeeded = false;
-    return LevelOff;
-}
-
 QString Logger::formatLine(Level level, const QString& message)
 {
     // The message goes in last, so a "%1" inside it is never substituted.
@@ -118,11 +104,6 @@ Level Logger::loggingLevel() const
     return d->level;
 }
 
-void Logger::enqueueWrite(const QString& message, Level level)
-{
-    write(message, level);
-}
-
 void Logger::write(const QString& message, Level level)
 {
     std::lock_guard<std::mutex> lock(d->logMutex);
@@ -143,7 +124,7 @@ Logger::Helper::~Helper()
 
 void Logger::Helper::writeToLog()
 {
-    Logger::instance().enqueueWrite(formatLine(level, buffer), level);
+    Logger::instance().write(formatLine(level, buffer), level);
 }
 
 Destination::~Destination() = default;

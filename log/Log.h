@@ -17,7 +17,6 @@ class Logger
 public:
     static Logger& instance();
     static void destroyInstance();
-    static Level levelFromLogMessage(const QString& line, bool* succeeded = nullptr);
     // A line as the logger writes it: level, local timestamp, message. Safe on any thread.
     static QString formatLine(Level level, const QString& message);
 
@@ -50,7 +49,6 @@ public:
 
 private:
     Logger();
-    void enqueueWrite(const QString& message, Level level);
     void write(const QString& message, Level level);
 
     LoggerImpl* d;

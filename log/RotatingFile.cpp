@@ -162,7 +162,7 @@ void RotatingFile::report(const QString& text)
     if (failureReported)
         return;
     failureReported = true;
-    DebugOutput::report(text);
+    DebugOutput::output(text);
 }
 
 } // namespace Log

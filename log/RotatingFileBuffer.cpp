@@ -9,18 +9,11 @@ namespace {
 // Text without a line feed is let through in pieces of this size rather than held without end.
 const std::string::size_type longestLine = 64 * 1024;
 
-QSharedPointer<RotationStrategy> sizeRotation(qint64 maxBytes, int oldFiles)
-{
-    auto strategy = QSharedPointer<SizeRotationStrategy>::create();
-    strategy->setMaximumSizeInBytes(maxBytes);
-    strategy->setBackupCount(oldFiles);
-    return strategy;
-}
-
 } // namespace
 
 RotatingFileBuffer::RotatingFileBuffer(const QString& path, qint64 maxBytes, int oldFiles)
-    : file(path, sizeRotation(maxBytes, oldFiles), RotatingFile::Truncate)
+    : file(path, QSharedPointer<SizeRotationStrategy>::create(maxBytes, oldFiles),
+           RotatingFile::Truncate)
 {
 }
 

@@ -6,6 +6,11 @@
 
 namespace Log {
 
+SizeRotationStrategy::SizeRotationStrategy(qint64 maxBytes, int backupCount)
+    : maxSizeInBytes(maxBytes), backupsCount(qMin(backupCount, MaxBackupCount))
+{
+}
+
 void SizeRotationStrategy::setInitialInfo(const QFile& file)
 {
     fileName = file.fileName();
@@ -27,7 +32,7 @@ void SizeRotationStrategy::rotate()
 {
     if (backupsCount == 0) {
         if (!QFile::remove(fileName))
-            DebugOutput::report(QStringLiteral("Log: backup delete failed ") + fileName);
+            DebugOutput::output(QStringLiteral("Log: backup delete failed ") + fileName);
         return;
     }
 
@@ -44,7 +49,7 @@ void SizeRotationStrategy::rotate()
         const QString to = backupName(i + 1);
         QFile::remove(to);
         if (!QFile::rename(from, to))
-            DebugOutput::report(QStringLiteral("Log: could not rename backup ") + from
+            DebugOutput::output(QStringLiteral("Log: could not rename backup ") + from
                                 + QStringLiteral(" to ") + to);
     }
 
@@ -52,23 +57,13 @@ void SizeRotationStrategy::rotate()
     if (QFile::exists(firstBackup))
         QFile::remove(firstBackup);
     if (!QFile::rename(fileName, firstBackup))
-        DebugOutput::report(QStringLiteral("Log: could not rename log ") + fileName
+        DebugOutput::output(QStringLiteral("Log: could not rename log ") + fileName
                             + QStringLiteral(" to ") + firstBackup);
 }
 
 QIODevice::OpenModeFlag SizeRotationStrategy::recommendedOpenModeFlag()
 {
     return QIODevice::Append;
-}
-
-void SizeRotationStrategy::setMaximumSizeInBytes(qint64 size)
-{
-    maxSizeInBytes = size;
-}
-
-void SizeRotationStrategy::setBackupCount(int count)
-{
-    backupsCount = qMin(count, MaxBackupCount);
 }
 
 QString SizeRotationStrategy::backupName(int number) const

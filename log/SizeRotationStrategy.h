@@ -13,23 +13,22 @@ class SizeRotationStrategy : public RotationStrategy
 public:
     static constexpr int MaxBackupCount = 10;
 
+    // Larger counts are capped; 0 keeps no backup and a negative count behaves like 1.
+    SizeRotationStrategy(qint64 maxBytes, int backupCount);
+
     void setInitialInfo(const QFile& file) override;
     void includeMessageInCalculation(const QString& message) override;
     bool shouldRotate() override;
     void rotate() override;
     QIODevice::OpenModeFlag recommendedOpenModeFlag() override;
 
-    void setMaximumSizeInBytes(qint64 size);
-    // Larger counts are capped; 0 keeps no backup and a negative count behaves like 1.
-    void setBackupCount(int count);
-
 private:
     QString backupName(int number) const;
 
     QString fileName;
     qint64 currentSizeInBytes = 0;
-    qint64 maxSizeInBytes = 0;
-    int backupsCount = 0;
+    qint64 maxSizeInBytes;
+    int backupsCount;
 };
 
 } // namespace Log

@@ -1,6 +1,10 @@
 #include "ReaderCommand.h"
 
-QJsonObject ReaderCommand::build(QString const& readerName, bool connected)
+#include "MessageText.h"
+
+#include <QJsonObject>
+
+QString ReaderCommand::build(QString const& readerName, bool connected)
 {
     QJsonObject message;
     message.insert(QStringLiteral("type"), QStringLiteral("READER"));
@@ -8,5 +12,5 @@ QJsonObject ReaderCommand::build(QString const& readerName, bool connected)
                    connected ? QStringLiteral("CONNECTED") : QStringLiteral("DISCONNECTED"));
     message.insert(QStringLiteral("name"), readerName);
     message.insert(QStringLiteral("error"), QJsonValue::Null);
-    return message;
+    return MessageText::of(message);
 }

@@ -1,10 +1,14 @@
 #include "SCCommand.h"
 
-QJsonObject SCCommand::build(QString const& cardId)
+#include "MessageText.h"
+
+#include <QJsonObject>
+
+QString SCCommand::build(QString const& cardId)
 {
     QJsonObject message;
     message.insert(QStringLiteral("type"), QStringLiteral("SC"));
     message.insert(QStringLiteral("tag_id"), cardId);
     message.insert(QStringLiteral("error"), QJsonValue::Null);
-    return message;
+    return MessageText::of(message);
 }

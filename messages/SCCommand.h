@@ -1,6 +1,5 @@
 #pragma once
 
-#include <QJsonObject>
 #include <QString>
 
 // The "SC" message: a smart card was laid on a reader. Clients already parse "tag_id"
@@ -8,5 +7,5 @@
 class SCCommand
 {
 public:
-    static QJsonObject build(QString const& cardId);
+    static QString build(QString const& cardId);
 };

@@ -1,14 +1,14 @@
 #include "TagCommand.h"
 
-TagCommand::TagCommand() = default;
+#include "MessageText.h"
 
-TagCommand::~TagCommand() = default;
+#include <QJsonObject>
 
-QJsonObject TagCommand::build(QString const& tagId)
+QString TagCommand::build(QString const& tagId)
 {
     QJsonObject message;
     message.insert(QStringLiteral("type"), QStringLiteral("TAG"));
     message.insert(QStringLiteral("tag_id"), tagId);
     message.insert(QStringLiteral("error"), QJsonValue::Null);
-    return message;
+    return MessageText::of(message);
 }

@@ -1,12 +1,14 @@
 #include "VersionCommand.h"
 
-VersionCommand::~VersionCommand() = default;
+#include "MessageText.h"
 
-QJsonObject VersionCommand::build(QString const& version)
+#include <QJsonObject>
+
+QString VersionCommand::build(QString const& version)
 {
     QJsonObject message;
     message.insert(QStringLiteral("type"), QStringLiteral("VERSION"));
     message.insert(QStringLiteral("version"), version);
     message.insert(QStringLiteral("error"), QJsonValue::Null);
-    return message;
+    return MessageText::of(message);
 }

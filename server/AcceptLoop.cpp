@@ -4,7 +4,6 @@
 
 #include <boost/asio/error.hpp>
 
-#include <algorithm>
 #include <cerrno>
 
 namespace {
@@ -27,7 +26,7 @@ bool outOfDescriptors(const boost::system::error_code& ec)
 AcceptLoop::AcceptLoop(Endpoint& endpoint, boost::asio::io_context& ioContext)
     : endpoint(endpoint)
     , retryTimer(ioContext)
-    , backoff(firstPause)
+    , descriptorWait(firstPause, longestPause)
 {
     endpoint.set_tcp_pre_bind_handler(
         [this](std::shared_ptr<boost::asio::ip::tcp::acceptor> bound) {
@@ -76,7 +75,7 @@ void AcceptLoop::accepted(const Endpoint::connection_ptr& connection,
     if (!ec) {
         if (paused) {
             paused = false;
-            backoff = firstPause;
+            descriptorWait.reset();
             TLOG_INFO() << "Accepting new WebSocket connections again.";
         }
         // A greeting is several small messages in a row; none should wait for an ACK.
@@ -98,8 +97,7 @@ void AcceptLoop::accepted(const Endpoint::connection_ptr& connection,
                         << "): new WebSocket connections wait until some are free.";
         }
         waiting = connection;
-        retryAfter(backoff);
-        backoff = std::min(backoff * 2, longestPause);
+        retryAfter(descriptorWait.next());
         return;
     }
     // A client that gave up while queued, and the like: the next one is unaffected. The pause

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Backoff.h"
 #include "EndpointConfig.h"
 
 #include <boost/asio/steady_timer.hpp>
@@ -36,7 +37,7 @@ private:
     boost::asio::steady_timer retryTimer;
     // The connection that found no descriptor, kept for the next attempt.
     Endpoint::connection_ptr waiting;
-    std::chrono::milliseconds backoff;
+    Backoff descriptorWait;
     bool paused = false;
     bool stopped = false;
 };

@@ -8,7 +8,6 @@
 class OriginAllowList
 {
 public:
-    OriginAllowList() = default;
     // Entries are trimmed and lose a trailing "/"; blank entries are dropped, so a list of
     // nothing but blanks is empty. An entry no browser could ever send is logged as a warning.
     explicit OriginAllowList(const QStringList& origins);

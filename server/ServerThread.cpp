@@ -126,12 +126,6 @@ void ServerThread::sendToAll(const QString& message)
     queue([message](WebsocketServer& serving) { serving.sendToAll(message); });
 }
 
-void ServerThread::sendToClient(const QString& message, ConnectionContext context)
-{
-    TLOG_DEBUG() << "ServerThread::sendToClient:" << message;
-    queue([message, context](WebsocketServer& serving) { serving.sendToClient(message, context); });
-}
-
 void ServerThread::admitClient(ConnectionContext context, const QStringList& greeting)
 {
     TLOG_DEBUG() << "ServerThread::admitClient:" << greeting.size() << "greeting message(s)";

@@ -44,7 +44,6 @@ public slots:
     void stopServer();
     // To every admitted client. A client that cannot be sent to is logged and skipped.
     void sendToAll(const QString& message);
-    void sendToClient(const QString& message, ConnectionContext context);
     // Sends the greeting to the client, in order, and includes it in every later sendToAll.
     void admitClient(ConnectionContext context, const QStringList& greeting);
 

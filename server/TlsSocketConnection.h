@@ -17,7 +17,6 @@
 // library's own TLS policy has Boost's TLS stream. Server side only.
 namespace TlsSocket {
 
-using socket_init_handler = std::function<void(websocketpp::connection_hdl, TlsStream&)>;
 using tls_init_handler =
     std::function<std::shared_ptr<boost::asio::ssl::context>(websocketpp::connection_hdl)>;
 
@@ -38,7 +37,6 @@ public:
     socket_type::next_layer_type& get_next_layer() { return socket->next_layer(); }
     socket_type& get_socket() { return *socket; }
 
-    void set_socket_init_handler(socket_init_handler h) { socketInitHandler = std::move(h); }
     void set_tls_init_handler(tls_init_handler h) { tlsInitHandler = std::move(h); }
 
     std::string get_remote_endpoint(websocketpp::lib::error_code& ec) const
@@ -80,8 +78,6 @@ protected:
             return websocketpp::transport::asio::socket::make_error_code(
                 socket_errors::invalid_tls_context);
         socket = std::make_shared<socket_type>(*service, *context);
-        if (socketInitHandler)
-            socketInitHandler(hdl, *socket);
         server = isServer;
         return websocketpp::lib::error_code();
     }
@@ -135,7 +131,6 @@ private:
     bool server = true;
     websocketpp::lib::error_code lastError;
     websocketpp::connection_hdl hdl;
-    socket_init_handler socketInitHandler;
     tls_init_handler tlsInitHandler;
 };
 

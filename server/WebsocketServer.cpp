@@ -118,19 +118,6 @@ void WebsocketServer::sendToAll(const QString& message)
     }
 }
 
-void WebsocketServer::sendToClient(const QString& message, const ConnectionContext& context)
-{
-    websocketpp::lib::error_code ec;
-    const Endpoint::connection_ptr connection = endpoint.get_con_from_hdl(context.hdl, ec);
-    if (!connection) {
-        TLOG_WARN() << "ServerThread: could not send to client (connection gone):"
-                    << ec.message().c_str();
-        return;
-    }
-    if (const message_ptr frame = prepareFrame(message))
-        deliver(connection, frame);
-}
-
 void WebsocketServer::admit(const ConnectionContext& context, const QStringList& greeting)
 {
     websocketpp::lib::error_code ec;

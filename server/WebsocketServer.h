@@ -57,7 +57,6 @@ public:
 
     // Server thread only. A client that cannot be sent to is logged and skipped.
     void sendToAll(const QString& message);
-    void sendToClient(const QString& message, const ConnectionContext& context);
     void admit(const ConnectionContext& context, const QStringList& greeting);
     // Stops listening and ends run(); open connections get no close frames.
     void stop();

@@ -5,6 +5,7 @@
 #include "SmartCardErrorMessages.h"
 
 #include <QJsonDocument>
+#include <QJsonObject>
 
 #include <thread>
 
@@ -123,7 +124,7 @@ TEST_F(CardLoop, ReaderNamesGoBackToPcscAsTheyCameAndToClientsAsValidText)
 
     // As clients get them.
     for (const QString& name : {utf8Text, latin1Text, brokenText}) {
-        const QByteArray json = QJsonDocument(ReaderCommand::build(name, true)).toJson();
+        const QByteArray json = ReaderCommand::build(name, true).toUtf8();
         EXPECT_EQ(QJsonDocument::fromJson(json).object().value(QStringLiteral("name")).toString(), name) << json.toStdString();
     }
 }

@@ -4,31 +4,19 @@
 #include "TagCommand.h"
 #include "VersionCommand.h"
 
-#include <QJsonDocument>
-
 #include <gtest/gtest.h>
-
-namespace {
-
-// Clients receive exactly this: the indented document, decoded as UTF-8.
-QString text(const QJsonObject& message)
-{
-    return QString::fromUtf8(QJsonDocument(message).toJson());
-}
-
-} // namespace
 
 TEST(MessageText, EachKindHasItsExactText)
 {
-    EXPECT_EQ(text(TagCommand::build(QStringLiteral("04a1b2c3"))),
+    EXPECT_EQ(TagCommand::build(QStringLiteral("04a1b2c3")),
               "{\n    \"error\": null,\n    \"tag_id\": \"04a1b2c3\",\n    \"type\": \"TAG\"\n}\n");
-    EXPECT_EQ(text(SCCommand::build(QStringLiteral("0102030405060708"))),
+    EXPECT_EQ(SCCommand::build(QStringLiteral("0102030405060708")),
               "{\n    \"error\": null,\n    \"tag_id\": \"0102030405060708\",\n"
               "    \"type\": \"SC\"\n}\n");
-    EXPECT_EQ(text(ReaderCommand::build(QStringLiteral("Reader A"), true)),
+    EXPECT_EQ(ReaderCommand::build(QStringLiteral("Reader A"), true),
               "{\n    \"error\": null,\n    \"event\": \"CONNECTED\",\n    \"name\": \"Reader A\",\n"
               "    \"type\": \"READER\"\n}\n");
-    EXPECT_EQ(text(VersionCommand::build(QStringLiteral("0.25"))),
+    EXPECT_EQ(VersionCommand::build(QStringLiteral("0.25")),
               "{\n    \"error\": null,\n    \"type\": \"VERSION\",\n    \"version\": \"0.25\"\n}\n");
-    EXPECT_TRUE(text(ReaderCommand::build(QStringLiteral("Reader A"), false)).contains("\"event\": \"DISCONNECTED\""));
+    EXPECT_TRUE(ReaderCommand::build(QStringLiteral("Reader A"), false).contains("\"event\": \"DISCONNECTED\""));
 }
