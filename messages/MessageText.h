@@ -10,4 +10,6 @@ class MessageText
 {
 public:
     static QString of(const QJsonObject& message);
+    // The keys every card message has: its type, the card's ID as "tag_id", and no error.
+    static QJsonObject cardMessage(const QString& type, const QString& tagId);
 };

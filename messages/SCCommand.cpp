@@ -2,13 +2,14 @@
 
 #include "MessageText.h"
 
-#include <QJsonObject>
-
 QString SCCommand::build(QString const& cardId)
 {
-    QJsonObject message;
-    message.insert(QStringLiteral("type"), QStringLiteral("SC"));
-    message.insert(QStringLiteral("tag_id"), cardId);
-    message.insert(QStringLiteral("error"), QJsonValue::Null);
+    return MessageText::of(MessageText::cardMessage(QStringLiteral("SC"), cardId));
+}
+
+QString SCCommand::buildVersion2(QString const& cardId, CardReport const& report)
+{
+    QJsonObject message = MessageText::cardMessage(QStringLiteral("SC"), cardId);
+    report.addTo(message);
     return MessageText::of(message);
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "CardReport.h"
+
 #include <QString>
 
 // The "SC" message: a smart card was laid on a reader. Clients already parse "tag_id"
@@ -8,4 +10,5 @@ class SCCommand
 {
 public:
     static QString build(QString const& cardId);
+    static QString buildVersion2(QString const& cardId, CardReport const& report);
 };

@@ -2,13 +2,15 @@
 
 #include "MessageText.h"
 
-#include <QJsonObject>
-
 QString TagCommand::build(QString const& tagId)
 {
-    QJsonObject message;
-    message.insert(QStringLiteral("type"), QStringLiteral("TAG"));
-    message.insert(QStringLiteral("tag_id"), tagId);
-    message.insert(QStringLiteral("error"), QJsonValue::Null);
+    return MessageText::of(MessageText::cardMessage(QStringLiteral("TAG"), tagId));
+}
+
+QString TagCommand::buildVersion2(QString const& tagId, QString const& uidHex, CardReport const& report)
+{
+    QJsonObject message = MessageText::cardMessage(QStringLiteral("TAG"), tagId);
+    message.insert(QStringLiteral("uid"), uidHex);
+    report.addTo(message);
     return MessageText::of(message);
 }

@@ -1,0 +1,42 @@
+#include "ReaderRules.h"
+
+#include "PrintQString.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+TEST(ReaderRules, WildcardsMatchWholeNamesWithoutCase)
+{
+    const auto m = [](const char* pattern, const char* name) {
+        return ReaderRules::matches(QString::fromUtf8(pattern), QString::fromUtf8(name));
+    };
+    EXPECT_TRUE(m("Virtual PCD 00 *", "Virtual PCD 00 01"));
+    EXPECT_TRUE(m("virtual pcd 0? 0?", "Virtual PCD 00 01"));
+    EXPECT_TRUE(m("*Yubi*", "Yubico YubiKey OTP+FIDO+CCID 00 00"));
+    EXPECT_TRUE(m("*", ""));
+    EXPECT_TRUE(m("a*b*c", "aXbYbZc"));
+    EXPECT_FALSE(m("Virtual PCD", "Virtual PCD 00 00")) << "a pattern covers the whole name";
+    EXPECT_FALSE(m("?", ""));
+    EXPECT_FALSE(m("a*b*c", "aXbYbZ"));
+}
+
+TEST(ReaderRules, IgnoreAndAliasPickTheFirstMatchingRule)
+{
+    const ReaderRules rules({QStringLiteral("*SAM*"), QStringLiteral("Yubi*")},
+                            {ReaderRules::parseAlias(QStringLiteral("Virtual PCD 00 * => Entrance")),
+                             ReaderRules::parseAlias(QStringLiteral(" * =>  Any other desk "))});
+    EXPECT_TRUE(rules.ignores(QStringLiteral("OMNIKEY SAM slot 01 00")));
+    EXPECT_TRUE(rules.ignores(QStringLiteral("YubiKey 00 00")));
+    EXPECT_FALSE(rules.ignores(QStringLiteral("Virtual PCD 00 00")));
+    EXPECT_EQ(rules.displayName(QStringLiteral("Virtual PCD 00 01")), "Entrance");
+    EXPECT_EQ(rules.displayName(QStringLiteral("Virtual PCD 01 00")), "Any other desk");
+    EXPECT_EQ(ReaderRules().displayName(QStringLiteral("Virtual PCD 01 00")), "Virtual PCD 01 00");
+
+    // Not of the shape "pattern => name": no alias.
+    EXPECT_TRUE(ReaderRules::parseAlias(QStringLiteral("Entrance")).pattern.isEmpty());
+    EXPECT_TRUE(ReaderRules::parseAlias(QStringLiteral("=> Entrance")).pattern.isEmpty());
+    EXPECT_TRUE(ReaderRules::parseAlias(QStringLiteral("Virtual* =>")).pattern.isEmpty());
+}
+
+} // namespace
