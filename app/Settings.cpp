@@ -3,6 +3,7 @@
 #include "Log.h"
 
 #include <QCoreApplication>
+#include <QMap>
 #include <QSettings>
 
 namespace {
@@ -13,6 +14,11 @@ const char* const keyFileKey = "service/keyfile";
 const char* const logPathKey = "service/logpath";
 const char* const logLevelKey = "service/loglevel";
 const char* const allowedOriginsKey = "service/allowedorigins";
+const char* const tagIdFormatKey = "service/tagidformat";
+const char* const repeatWindowKey = "service/repeatwindow";
+const char* const readersGroup = "readers";
+const char* const ignoreKey = "ignore";
+const QLatin1String aliasKeyPrefix("alias.");
 
 const int defaultPort = 8036;
 const int defaultLogLevel = 1;
@@ -21,6 +27,20 @@ QSettings* openStore()
 {
     return new QSettings(QSettings::IniFormat, QSettings::SystemScope,
                          QCoreApplication::organizationName(), QCoreApplication::applicationName());
+}
+
+// INI files hand an unquoted comma-separated value over as a list already; a quoted one
+// arrives as one string. Either way the result is one trimmed entry per item.
+QStringList commaSeparated(const QVariant& stored)
+{
+    QStringList items;
+    for (const QString& part : stored.toStringList()) {
+        for (const QString& item : part.split(QLatin1Char(','), Qt::SkipEmptyParts)) {
+            if (!item.trimmed().isEmpty())
+                items << item.trimmed();
+        }
+    }
+    return items;
 }
 
 } // namespace
@@ -58,9 +78,10 @@ void Settings::LoadSettings()
 
     // INI files hand an unquoted comma-separated value over as a list already; a quoted one
     // arrives as one string. Either way the result is one entry per origin.
-    allowedOrigins.clear();
-    for (const QString& part : store->value(allowedOriginsKey).toStringList())
-        allowedOrigins += part.split(QLatin1Char(','), Qt::SkipEmptyParts);
+    allowedOrigins = commaSeparated(store->value(allowedOriginsKey));
+    tagIdFormat = readTagIdFormat(store->value(tagIdFormatKey));
+    repeatWindow = readRepeatWindow(store->value(repeatWindowKey));
+    readerRules = readReaderRules(*store);
 }
 
 void Settings::SaveSettings()
@@ -112,4 +133,55 @@ int Settings::readLogLevel(const QVariant& stored)
         return defaultLogLevel;
     }
     return value;
+}
+
+TagIdFormat Settings::readTagIdFormat(const QVariant& stored)
+{
+    if (!stored.isValid())
+        return TagIdFormat();
+    if (const std::optional<TagIdFormat> format = TagIdFormat::fromSetting(stored.toString()))
+        return *format;
+    loadWarnings << QStringLiteral("Setting %1 \"%2\" is not one of hex, hex-reversed, decimal, decimal-reversed; using hex.")
+                        .arg(QLatin1String(tagIdFormatKey), stored.toString());
+    return TagIdFormat();
+}
+
+int Settings::readRepeatWindow(const QVariant& stored)
+{
+    if (!stored.isValid())
+        return 0;
+    bool isNumber = false;
+    const int value = stored.toInt(&isNumber);
+    // Past a minute a card laid again is a new visit, not a bounce.
+    if (!isNumber || value < 0 || value > 60000) {
+        loadWarnings << QStringLiteral("Setting %1 \"%2\" is not a number of milliseconds from 0 to 60000; using 0.")
+                            .arg(QLatin1String(repeatWindowKey), stored.toString());
+        return 0;
+    }
+    return value;
+}
+
+// Aliases are taken in the order of their numbers, whatever order the file lists them in.
+ReaderRules Settings::readReaderRules(QSettings& store)
+{
+    store.beginGroup(QLatin1String(readersGroup));
+    const QStringList ignored = commaSeparated(store.value(QLatin1String(ignoreKey)));
+    QMap<int, ReaderRules::Alias> aliases;
+    for (const QString& key : store.childKeys()) {
+        if (!key.startsWith(aliasKeyPrefix))
+            continue;
+        bool isNumber = false;
+        const int number = key.mid(aliasKeyPrefix.size()).toInt(&isNumber);
+        // A display name may hold commas, which INI files would otherwise split into a list.
+        const QString text = store.value(key).toStringList().join(QStringLiteral(", "));
+        const ReaderRules::Alias alias = ReaderRules::parseAlias(text);
+        if (!isNumber || alias.pattern.isEmpty()) {
+            loadWarnings << QStringLiteral("Setting readers/%1 \"%2\" is not of the form alias.N = pattern => Display name; ignored.")
+                                .arg(key, text);
+            continue;
+        }
+        aliases.insert(number, alias);
+    }
+    store.endGroup();
+    return ReaderRules(ignored, aliases.values().toVector());
 }

@@ -1,8 +1,13 @@
 #pragma once
 
+#include "ReaderRules.h"
+#include "TagIdFormat.h"
+
 #include <QString>
 #include <QStringList>
 #include <QVariant>
+
+class QSettings;
 
 // Process-wide configuration: read once at start-up, written back when the service stops.
 class Settings
@@ -26,6 +31,10 @@ public:
     const int& GetLogLevel() const { return logLevel; }
     const QStringList& GetAllowedOrigins() const { return allowedOrigins; }
     const QStringList& GetLoadWarnings() const { return loadWarnings; }
+    const TagIdFormat& GetTagIdFormat() const { return tagIdFormat; }
+    // Milliseconds; 0 reports every tap.
+    int GetRepeatWindow() const { return repeatWindow; }
+    const ReaderRules& GetReaderRules() const { return readerRules; }
 
     void SetPort(const unsigned short& value) { port = value; }
     void SetCertFile(const QString& value) { certFile = value; }
@@ -40,6 +49,9 @@ public:
 private:
     unsigned short readPort(const QVariant& stored);
     int readLogLevel(const QVariant& stored);
+    TagIdFormat readTagIdFormat(const QVariant& stored);
+    int readRepeatWindow(const QVariant& stored);
+    ReaderRules readReaderRules(QSettings& store);
 
     unsigned short port;
     QString certFile;
@@ -48,4 +60,7 @@ private:
     int logLevel;
     QStringList allowedOrigins;
     QStringList loadWarnings;
+    TagIdFormat tagIdFormat;
+    int repeatWindow = 0;
+    ReaderRules readerRules;
 };

@@ -1,6 +1,8 @@
 #include "Settings.h"
 
 #include <QCoreApplication>
+#include <QDir>
+#include <QFile>
 #include <QSettings>
 #include <QTemporaryDir>
 
@@ -98,6 +100,38 @@ TEST_F(SettingsTest, NonsenseGetsOneWarningAndTheDefaultWhichIsWhatIsSavedBack)
     settings.LoadSettings();
     settings.SaveSettings();
     EXPECT_EQ(QSettings(settingsFile(), QSettings::IniFormat).value("service/port").toString().toStdString(), "8036");
+}
+
+TEST_F(SettingsTest, CardSettingsAndReaderRulesAreReadAsAnAdministratorWritesThem)
+{
+    QDir().mkpath(configDir.path() + "/TIV");
+    QFile file(settingsFile());
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write("[service]\ntagidformat = Decimal\nrepeatwindow = 1500\n\n"
+               "[readers]\nignore = *SAM*, Yubi*\n"
+               "alias.2 = Virtual PCD 00 * => Entrance, north\n"
+               "alias.1 = Virtual PCD 00 01 => Exit desk\n"
+               "alias.x = nothing\n");
+    file.close();
+    settings.LoadSettings();
+    EXPECT_EQ(settings.GetTagIdFormat().render(QByteArray::fromHex("0a0b")).toStdString(), "2571");
+    EXPECT_EQ(settings.GetRepeatWindow(), 1500);
+    const ReaderRules& rules = settings.GetReaderRules();
+    EXPECT_TRUE(rules.ignores("OMNIKEY SAM 00 00"));
+    EXPECT_TRUE(rules.ignores("YubiKey 00 00"));
+    EXPECT_FALSE(rules.ignores("Virtual PCD 00 00"));
+    // By number, not by their place in the file.
+    EXPECT_EQ(rules.displayName("Virtual PCD 00 01").toStdString(), "Exit desk");
+    EXPECT_EQ(rules.displayName("Virtual PCD 00 00").toStdString(), "Entrance, north");
+    EXPECT_EQ(settings.GetLoadWarnings().filter("readers/alias.x").size(), 1);
+
+    store("service/tagidformat", "octal");
+    store("service/repeatwindow", "-1");
+    settings.LoadSettings();
+    EXPECT_EQ(settings.GetTagIdFormat().render(QByteArray::fromHex("0a0b")).toStdString(), "0a0b");
+    EXPECT_EQ(settings.GetRepeatWindow(), 0);
+    EXPECT_EQ(settings.GetLoadWarnings().filter("service/tagidformat").size(), 1);
+    EXPECT_EQ(settings.GetLoadWarnings().filter("service/repeatwindow").size(), 1);
 }
 
 } // namespace
