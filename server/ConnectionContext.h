@@ -1,5 +1,7 @@
 #pragma once
 
+#include "ClientProtocol.h"
+
 #include <QMetaType>
 
 #include <websocketpp/common/connection_hdl.hpp>
@@ -8,6 +10,7 @@
 struct ConnectionContext
 {
     websocketpp::connection_hdl hdl;
+    ClientProtocol protocol = ClientProtocol::Original;
 };
 
 Q_DECLARE_METATYPE(ConnectionContext)

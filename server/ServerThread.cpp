@@ -13,6 +13,7 @@ namespace {
 // known by name before any of them happens.
 [[maybe_unused]] const int connectionContextTypeId =
     qRegisterMetaType<ConnectionContext>("ConnectionContext");
+[[maybe_unused]] const int protocolTextsTypeId = qRegisterMetaType<ProtocolTexts>("ProtocolTexts");
 
 // Clients only listen; what they send is recorded, but a flood must not flood the log too.
 const int loggedMessageLength = 200;
@@ -124,6 +125,12 @@ void ServerThread::sendToAll(const QString& message)
 {
     TLOG_DEBUG() << "ServerThread::sendToAll:" << message;
     queue([message](WebsocketServer& serving) { serving.sendToAll(message); });
+}
+
+void ServerThread::sendToAll(const ProtocolTexts& texts)
+{
+    TLOG_DEBUG() << "ServerThread::sendToAll:" << (texts.original.isEmpty() ? texts.version2 : texts.original);
+    queue([texts](WebsocketServer& serving) { serving.sendToAll(texts); });
 }
 
 void ServerThread::admitClient(ConnectionContext context, const QStringList& greeting)

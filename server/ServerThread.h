@@ -1,5 +1,6 @@
 #pragma once
 
+#include "ClientProtocol.h"
 #include "ConnectionContext.h"
 
 #include <QString>
@@ -35,8 +36,8 @@ public:
     bool waitForInit();
 
 signals:
-    // Emitted on the server thread once a client's WebSocket is open. It gets no broadcasts
-    // until admitClient() is called for it.
+    // Emitted on the server thread once a client's WebSocket is open; its context says which
+    // protocol it speaks. It gets no broadcasts until admitClient() is called for it.
     void onClientConnected(ConnectionContext context);
 
 public slots:
@@ -44,6 +45,8 @@ public slots:
     void stopServer();
     // To every admitted client. A client that cannot be sent to is logged and skipped.
     void sendToAll(const QString& message);
+    // Each admitted client gets the text of its protocol, or nothing when that text is empty.
+    void sendToAll(const ProtocolTexts& texts);
     // Sends the greeting to the client, in order, and includes it in every later sendToAll.
     void admitClient(ConnectionContext context, const QStringList& greeting);
 

@@ -3,8 +3,10 @@
 #include "RotatingFileStream.h"
 #include "Log.h"
 
+#include <algorithm>
 #include <exception>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -109,9 +111,26 @@ void WebsocketServer::sendToAll(const QString& message)
     if (admitted.isEmpty())
         return;
     const message_ptr frame = prepareFrame(message);
+    sendTo(ClientProtocol::Original, frame);
+    sendTo(ClientProtocol::Version2, frame);
+}
+
+void WebsocketServer::sendToAll(const ProtocolTexts& texts)
+{
+    // Framed only for a protocol that has clients: most installations have none of one kind.
+    const auto send = [this](ClientProtocol protocol, const QString& text) {
+        if (!text.isEmpty() && !admitted.of(protocol).empty())
+            sendTo(protocol, prepareFrame(text));
+    };
+    send(ClientProtocol::Original, texts.original);
+    send(ClientProtocol::Version2, texts.version2);
+}
+
+void WebsocketServer::sendTo(ClientProtocol protocol, const message_ptr& frame)
+{
     if (!frame)
         return;
-    for (const websocketpp::connection_hdl& hdl : admitted.all()) {
+    for (const websocketpp::connection_hdl& hdl : admitted.of(protocol)) {
         websocketpp::lib::error_code ec;
         if (const Endpoint::connection_ptr connection = endpoint.get_con_from_hdl(hdl, ec))
             deliver(connection, frame);
@@ -131,7 +150,7 @@ void WebsocketServer::admit(const ConnectionContext& context, const QStringList&
         if (const message_ptr frame = prepareFrame(message))
             deliver(connection, frame);
     }
-    admitted.add(context.hdl);
+    admitted.add(context.hdl, context.protocol);
 }
 
 WebsocketServer::message_ptr WebsocketServer::prepareFrame(const QString& message)
@@ -166,13 +185,23 @@ void WebsocketServer::deliver(const Endpoint::connection_ptr& connection, const 
 
 bool WebsocketServer::validateHandler(websocketpp::connection_hdl hdl)
 {
+    websocketpp::lib::error_code ec;
+    const Endpoint::connection_ptr connection = endpoint.get_con_from_hdl(hdl, ec);
+    if (!connection || !originAllowed(connection))
+        return false;
+    // Nothing is selected for any other offer: a client fails a handshake that names a
+    // protocol it did not ask for.
+    const std::vector<std::string>& offered = connection->get_requested_subprotocols();
+    if (std::find(offered.begin(), offered.end(), version2Subprotocol) != offered.end())
+        connection->select_subprotocol(version2Subprotocol, ec);
+    return true;
+}
+
+bool WebsocketServer::originAllowed(const Endpoint::connection_ptr& connection)
+{
     // Without this any page open in a browser on this machine could read every badge shown.
     if (allowedOrigins.isEmpty())
         return true;
-    websocketpp::lib::error_code ec;
-    const Endpoint::connection_ptr connection = endpoint.get_con_from_hdl(hdl, ec);
-    if (!connection)
-        return false;
     // get_origin() also knows the header name of the older protocol drafts.
     const QString origin = QString::fromStdString(connection->get_origin());
     if (allowedOrigins.allows(origin))
@@ -185,8 +214,13 @@ bool WebsocketServer::validateHandler(websocketpp::connection_hdl hdl)
 void WebsocketServer::openHandler(websocketpp::connection_hdl hdl)
 {
     TLOG_DEBUG() << "on_open called with hdl: " << connectionAddress(hdl);
+    websocketpp::lib::error_code ec;
+    const Endpoint::connection_ptr connection = endpoint.get_con_from_hdl(hdl, ec);
+    ConnectionContext context{hdl};
+    if (connection && connection->get_subprotocol() == version2Subprotocol)
+        context.protocol = ClientProtocol::Version2;
     if (callbacks.opened)
-        callbacks.opened(ConnectionContext{hdl});
+        callbacks.opened(context);
 }
 
 void WebsocketServer::closeHandler(websocketpp::connection_hdl hdl)

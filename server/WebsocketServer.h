@@ -2,6 +2,7 @@
 
 #include "AcceptLoop.h"
 #include "AdmittedClients.h"
+#include "ClientProtocol.h"
 #include "ConnectionContext.h"
 #include "EndpointConfig.h"
 #include "OriginAllowList.h"
@@ -57,12 +58,14 @@ public:
 
     // Server thread only. A client that cannot be sent to is logged and skipped.
     void sendToAll(const QString& message);
+    void sendToAll(const ProtocolTexts& texts);
     void admit(const ConnectionContext& context, const QStringList& greeting);
     // Stops listening and ends run(); open connections get no close frames.
     void stop();
 
 private:
     bool validateHandler(websocketpp::connection_hdl hdl);
+    bool originAllowed(const Endpoint::connection_ptr& connection);
     void openHandler(websocketpp::connection_hdl hdl);
     void closeHandler(websocketpp::connection_hdl hdl);
     void messageHandler(websocketpp::connection_hdl hdl, message_ptr msg);
@@ -73,6 +76,7 @@ private:
 
     // One frame for all recipients; null (and logged) when it cannot be made.
     message_ptr prepareFrame(const QString& message);
+    void sendTo(ClientProtocol protocol, const message_ptr& frame);
     void deliver(const Endpoint::connection_ptr& connection, const message_ptr& frame);
 
     // The library's loggers write through raw pointers to these, so they must outlive endpoint;

@@ -17,15 +17,19 @@ TEST_F(KioskOnlyServer, OnlyListedPagesAndClientsWithoutOriginGetIn)
 
     TestWsClient kiosk, devPage, tool;
     kiosk.setOrigin("https://kiosk.example:8443");
+    kiosk.setSubprotocols({"tiv-rfid.2"});
     devPage.setOrigin("http://localhost:3000");
     for (TestWsClient* client : {&kiosk, &devPage, &tool})
         ASSERT_TRUE(client->connect(port)) << client->lastError().toStdString();
+    EXPECT_EQ(kiosk.subprotocol(), "tiv-rfid.2");
 
     // Near misses of a listed origin, a page from elsewhere, and a sandboxed page.
     for (const QString origin : {"http://kiosk.example:8443", "https://kiosk.example",
                                  "https://kiosk.example:8443.evil.test", "https://evil.test", "null"}) {
         TestWsClient stranger;
         stranger.setOrigin(origin);
+        // Asking for the newer protocol changes nothing about who gets in.
+        stranger.setSubprotocols({"tiv-rfid.2"});
         SCOPED_TRACE(origin.toStdString());
         EXPECT_FALSE(stranger.connect(port));
         EXPECT_EQ(stranger.httpStatus(), 403);

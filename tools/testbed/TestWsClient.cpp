@@ -13,6 +13,14 @@ TestWsClient::TestWsClient(TlsVersion tls)
 {
 }
 
+void TestWsClient::setSubprotocols(const QStringList& names)
+{
+    std::vector<std::string> list;
+    for (const QString& name : names)
+        list.push_back(name.toStdString());
+    group.setSubprotocols(list);
+}
+
 std::optional<QString> TestWsClient::nextMessage(int timeoutMs)
 {
     std::unique_lock<std::mutex> lock(mutex);

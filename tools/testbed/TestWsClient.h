@@ -4,6 +4,7 @@
 
 #include <QByteArray>
 #include <QString>
+#include <QStringList>
 #include <QtGlobal>
 
 #include <condition_variable>
@@ -24,6 +25,8 @@ public:
 
     // Sends this Origin header with the handshake, as a browser would; none by default.
     void setOrigin(const QString& origin) { group.setOrigin(origin.toStdString()); }
+    // Offers these WebSocket subprotocols at the handshake, in order; none by default.
+    void setSubprotocols(const QStringList& names);
     // True once the WebSocket is open; false when the connection failed or took too long.
     bool connect(quint16 port, int timeoutMs = 15000) { return group.connect(port, 1, ms(timeoutMs)); }
     // The next received text message, in arrival order.
@@ -35,6 +38,7 @@ public:
     // See WssClientGroup.
     QByteArray peerCertificateSha256() const { return QByteArray::fromStdString(group.peerCertificateSha256(0)); }
     int httpStatus() const { return group.httpStatus(0); }
+    QString subprotocol() const { return QString::fromStdString(group.subprotocol(0)); }
     QString lastError() const { return QString::fromStdString(group.lastError()); }
 
 private:

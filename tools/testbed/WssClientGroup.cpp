@@ -52,6 +52,7 @@ struct Connection
     Client::connection_ptr con;
     int status = 0;
     std::string peerSha256;
+    std::string subprotocol;
 };
 
 } // namespace
@@ -95,6 +96,8 @@ struct WssClientGroup::Impl
         }
         if (!origin.empty())
             con->replace_header("Origin", origin);
+        for (const std::string& name : subprotocols)
+            con->add_subprotocol(name, ec);
         con->set_open_handler([this, index](websocketpp::connection_hdl hdl) { opened(index, hdl); });
         con->set_fail_handler([this, index](websocketpp::connection_hdl hdl) { ended(index, hdl, true); });
         con->set_close_handler([this, index](websocketpp::connection_hdl hdl) { ended(index, hdl, false); });
@@ -120,6 +123,8 @@ struct WssClientGroup::Impl
             Connection& c = connections[static_cast<size_t>(index)];
             c.status = con ? con->get_response_code() : 0;
             c.peerSha256 = fingerprint;
+            // Read off the answer: the library's client does not record the server's choice.
+            c.subprotocol = con ? con->get_response_header("Sec-WebSocket-Protocol") : std::string();
             ++openNow;
             ++openedTotal;
         }
@@ -177,6 +182,7 @@ struct WssClientGroup::Impl
     std::thread ioThread;
     std::string uri;
     std::string origin;
+    std::vector<std::string> subprotocols;
 
     mutable std::mutex mutex;
     std::condition_variable changed;
@@ -201,6 +207,12 @@ void WssClientGroup::setOrigin(const std::string& origin)
 {
     std::lock_guard<std::mutex> lock(d->mutex);
     d->origin = origin;
+}
+
+void WssClientGroup::setSubprotocols(const std::vector<std::string>& names)
+{
+    std::lock_guard<std::mutex> lock(d->mutex);
+    d->subprotocols = names;
 }
 
 bool WssClientGroup::connect(uint16_t port, int count, std::chrono::milliseconds timeout, int inFlight)
@@ -275,6 +287,12 @@ std::string WssClientGroup::peerCertificateSha256(int connection) const
 {
     std::lock_guard<std::mutex> lock(d->mutex);
     return connection < d->started ? d->connections[static_cast<size_t>(connection)].peerSha256 : std::string();
+}
+
+std::string WssClientGroup::subprotocol(int connection) const
+{
+    std::lock_guard<std::mutex> lock(d->mutex);
+    return connection < d->started ? d->connections[static_cast<size_t>(connection)].subprotocol : std::string();
 }
 
 std::string WssClientGroup::lastError() const

@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 // Wss connections to one local port, all driven by one asio thread, so a thousand clients
 // cost a thousand sockets and not a thousand threads. The server's certificate is not
@@ -26,6 +27,8 @@ public:
 
     // Sends this Origin header with each handshake, as a browser would; none by default.
     void setOrigin(const std::string& origin);
+    // Offers these subprotocols, in this order, with each handshake; none by default.
+    void setSubprotocols(const std::vector<std::string>& names);
     // Opens `count` connections (numbered from 0) to wss://127.0.0.1:port, at most `inFlight`
     // handshakes at a time so a busy server is not flooded. Call once per group. True once
     // all are open; false when one failed or the time ran out.
@@ -41,6 +44,9 @@ public:
     int httpStatus(int connection) const;
     // SHA-256 of the DER certificate the server presented; empty before the connection is open.
     std::string peerCertificateSha256(int connection) const;
+    // The Sec-WebSocket-Protocol the server answered with; empty before the connection is open
+    // and when it chose none.
+    std::string subprotocol(int connection) const;
     // Why the last connection failed or closed, as the library put it.
     std::string lastError() const;
 
