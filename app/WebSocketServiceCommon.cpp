@@ -67,10 +67,14 @@ void WebSocketServiceCommon::startCardHandling()
     using Card = SmartCardController;
     Card* events = controller.get();
     connect(events, &Card::onRFID, events,
-            [this](QString cardID) { serverThread->sendToAll(TagCommand::build(cardID)); },
+            [this](QString, QByteArray uid) {
+                serverThread->sendToAll(TagCommand::build(QString::fromLatin1(uid.toHex())));
+            },
             Qt::DirectConnection);
     connect(events, &Card::onSC, events,
-            [this](QString cardID) { serverThread->sendToAll(SCCommand::build(cardID)); },
+            [this](QString, QByteArray mcuId) {
+                serverThread->sendToAll(SCCommand::build(QString::fromLatin1(mcuId.toHex())));
+            },
             Qt::DirectConnection);
     connect(events, &Card::onReaderConnect, events, [this](QString reader) { announceReader(reader, true); },
             Qt::DirectConnection);

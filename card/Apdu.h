@@ -9,8 +9,9 @@ struct Apdu
     std::vector<unsigned char> bytes;
     size_t replyRoom = 0;
 
-    // The UID of a contactless card, as the reader itself answers it.
-    static Apdu readUid() { return {{0xFF, 0xCA, 0x00, 0x00, 0x00}, 10}; }
+    // The UID of a contactless card, as the reader itself answers it: up to 10 bytes, as a
+    // triple-size UID has, then the status word.
+    static Apdu readUid() { return {{0xFF, 0xCA, 0x00, 0x00, 0x00}, 12}; }
     static Apdu selectFile(unsigned char high, unsigned char low)
     {
         return {{0x80, 0xA4, 0x00, 0x00, 0x02, high, low}, 8};

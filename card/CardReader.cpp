@@ -3,23 +3,32 @@
 #include "Apdu.h"
 #include "ApduResponse.h"
 #include "Log.h"
-#include "PcscCall.h"
+#include "PcscService.h"
 
 #include <algorithm>
-#include <cstring>
-#include <vector>
+#include <optional>
 
 namespace {
 
 using Bytes = std::vector<unsigned char>;
+using Failures = std::vector<CardReader::Failure>;
 
-QString toHex(const Bytes& bytes)
+QByteArray toByteArray(const Bytes& bytes)
 {
-    QString text;
-    text.reserve(static_cast<int>(bytes.size()) * 2);
-    for (const unsigned char byte : bytes)
-        text += QStringLiteral("%1").arg(byte, 2, 16, QLatin1Char('0'));
-    return text;
+    return QByteArray(reinterpret_cast<const char*>(bytes.data()), static_cast<int>(bytes.size()));
+}
+
+// Keeps a failed call; true when it succeeded.
+bool check(Failures& failures, const PcscCall& call)
+{
+    if (call.failed())
+        failures.push_back({call, QString()});
+    return !call.failed();
+}
+
+void refused(Failures& failures, const char* answer)
+{
+    failures.push_back({PcscCall(), QString::fromLatin1(answer)});
 }
 
 // A connection to the card on a reader, open for as long as it lives. The card is reset when
@@ -27,17 +36,17 @@ QString toHex(const Bytes& bytes)
 class Connection
 {
 public:
-    Connection(SCARDCONTEXT context, const char* reader) : reader(reader)
+    Connection(SCARDCONTEXT context, const char* reader, Failures& failures) : failures(failures)
     {
-        open = PcscCall("SCardConnect", SCardConnect(context, reader, SCARD_SHARE_SHARED,
-                                                     SCARD_PROTOCOL_T0 | SCARD_PROTOCOL_T1, &card, &protocol))
-                   .succeeded();
+        open = check(failures, PcscCall("SCardConnect",
+                                        SCardConnect(context, reader, SCARD_SHARE_SHARED,
+                                                     SCARD_PROTOCOL_T0 | SCARD_PROTOCOL_T1, &card, &protocol)));
     }
 
     ~Connection()
     {
         if (open)
-            PcscCall("SCardDisconnect", SCardDisconnect(card, SCARD_RESET_CARD)).succeeded();
+            check(failures, PcscCall("SCardDisconnect", SCardDisconnect(card, SCARD_RESET_CARD)));
     }
 
     Connection(const Connection&) = delete;
@@ -45,21 +54,20 @@ public:
 
     bool isOpen() const { return open; }
     SCARDHANDLE handle() const { return card; }
+    Failures& failureList() const { return failures; }
 
-    // Empty when PC/SC cannot tell it.
-    QVector<unsigned char> atr() const
+    // Nothing when PC/SC cannot tell it.
+    std::optional<QVector<unsigned char>> atr() const
     {
-        // Room for the name PC/SC gave, which it hands back.
-        std::vector<char> name((reader ? std::strlen(reader) : 0) + 1);
-        DWORD nameLength = static_cast<DWORD>(name.size());
+        // The reader's name is known already; asking for it only risks a buffer that is too
+        // small for how a PC/SC release ends the name.
         DWORD state = 0;
         DWORD cardProtocol = 0;
         unsigned char bytes[MAX_ATR_SIZE] = {};
         DWORD atrLength = MAX_ATR_SIZE;
-        if (!PcscCall("SCardStatus",
-                      SCardStatus(card, name.data(), &nameLength, &state, &cardProtocol, bytes, &atrLength))
-                 .succeeded())
-            return {};
+        if (!check(failures, PcscCall("SCardStatus", SCardStatus(card, nullptr, nullptr, &state, &cardProtocol,
+                                                                  bytes, &atrLength))))
+            return std::nullopt;
         return QVector<unsigned char>(bytes, bytes + std::min<DWORD>(atrLength, MAX_ATR_SIZE));
     }
 
@@ -72,10 +80,9 @@ public:
         sendPci.cbPciLength = sizeof(SCARD_IO_REQUEST);
         Bytes reply(command.replyRoom);
         DWORD replyLength = static_cast<DWORD>(reply.size());
-        if (!PcscCall("SCardTransmit", SCardTransmit(card, &sendPci, command.bytes.data(),
-                                                     static_cast<DWORD>(command.bytes.size()), nullptr,
-                                                     reply.data(), &replyLength))
-                 .succeeded())
+        if (!check(failures, PcscCall("SCardTransmit", SCardTransmit(card, &sendPci, command.bytes.data(),
+                                                                     static_cast<DWORD>(command.bytes.size()),
+                                                                     nullptr, reply.data(), &replyLength))))
             return std::nullopt;
         // Only lengths within the buffer that was handed over are ever read.
         reply.resize(std::min<size_t>(replyLength, reply.size()));
@@ -83,7 +90,7 @@ public:
     }
 
 private:
-    const char* reader;
+    Failures& failures;
     SCARDHANDLE card = 0;
     DWORD protocol = 0;
     bool open = false;
@@ -94,25 +101,26 @@ private:
 class Transaction
 {
 public:
-    explicit Transaction(SCARDHANDLE card) : card(card)
+    Transaction(SCARDHANDLE card, Failures& failures) : card(card), failures(failures)
     {
-        PcscCall("SCardBeginTransaction", SCardBeginTransaction(card)).succeeded();
+        check(failures, PcscCall("SCardBeginTransaction", SCardBeginTransaction(card)));
     }
 
-    ~Transaction() { PcscCall("SCardEndTransaction", SCardEndTransaction(card, SCARD_LEAVE_CARD)).succeeded(); }
+    ~Transaction() { check(failures, PcscCall("SCardEndTransaction", SCardEndTransaction(card, SCARD_LEAVE_CARD))); }
 
     Transaction(const Transaction&) = delete;
     Transaction& operator=(const Transaction&) = delete;
 
 private:
     SCARDHANDLE card;
+    Failures& failures;
 };
 
 bool selectFile(const Connection& card, unsigned char high, unsigned char low)
 {
     const std::optional<ApduResponse> reply = card.transmit(Apdu::selectFile(high, low));
     if (!reply) {
-        TLOG_ERROR() << "SELECT FILE failed.";
+        refused(card.failureList(), "SELECT FILE failed.");
         return false;
     }
     // The card answers 91 00 as well as 90 00 for a successful selection.
@@ -142,65 +150,101 @@ Bytes readRecords(const Connection& card, unsigned int offset, unsigned char cou
     return result;
 }
 
-std::optional<QString> readUid(const Connection& card)
+std::optional<QByteArray> readUid(const Connection& card)
 {
     const std::optional<ApduResponse> reply = card.transmit(Apdu::readUid());
     if (!reply)
         return std::nullopt;
     if (!reply->isOk()) {
-        TLOG_DEBUG() << "Wrong response -> SW1SW2 != 0x9000";
+        refused(card.failureList(), "Wrong response -> SW1SW2 != 0x9000");
         return std::nullopt;
     }
-    return toHex(reply->data());
+    // A tag has an identifier; a reader that answers none has not really read it.
+    if (reply->data().empty()) {
+        refused(card.failureList(), "The tag answered with an empty UID.");
+        return std::nullopt;
+    }
+    return toByteArray(reply->data());
 }
 
-std::optional<QString> readMcuId(const Connection& card)
+std::optional<QByteArray> readMcuId(const Connection& card)
 {
     if (!selectFile(card, 0xFF, 0x00)) {
-        TLOG_ERROR() << "Select file 0xff, 0x00 failed.";
+        refused(card.failureList(), "Select file 0xff, 0x00 failed.");
         return std::nullopt;
     }
 
     // Record 0 of file FF 00 holds the 8-byte MCU ID.
     const Bytes mcuId = readRecords(card, 0, 1, 8);
     if (mcuId.empty()) {
-        TLOG_ERROR() << "Failed to read MCU ID from card.";
+        refused(card.failureList(), "Failed to read MCU ID from card.");
         return std::nullopt;
     }
 
     if (!selectFile(card, 0x00, 0x01))
-        TLOG_ERROR() << "Failed to select the base file";
-    return toHex(mcuId);
+        refused(card.failureList(), "Failed to select the base file");
+    return toByteArray(mcuId);
 }
 
-std::optional<CardReader::Card> typed(CardType type, const std::optional<QString>& id)
+CardReader::Result readId(const Connection& connection, CardReader::Card& card)
 {
+    const std::optional<QVector<unsigned char>> atr = connection.atr();
+    if (!atr)
+        return CardReader::Result::Failed;
+    std::optional<QByteArray> id;
+    card.type = cardTypeOf(*atr);
+    switch (card.type) {
+    case CardType::Unknown:
+        TLOG_WARN() << "Got unknown card.";
+        return CardReader::Result::UnknownType;
+    case CardType::AcosSmartCard:
+        TLOG_INFO() << "Got ACOS smart card.";
+        id = readMcuId(connection);
+        break;
+    case CardType::RfidTag:
+        TLOG_INFO() << "Got RFID tag.";
+        id = readUid(connection);
+        break;
+    }
     if (!id)
-        return std::nullopt;
-    return CardReader::Card{type, *id};
+        return CardReader::Result::Failed;
+    card.id = *id;
+    return CardReader::Result::Read;
 }
 
 } // namespace
 
-std::optional<CardReader::Card> CardReader::read(const char* reader) const
+CardReader::Outcome CardReader::read(const char* reader) const
 {
-    const Connection connection(context, reader);
-    if (!connection.isOpen())
-        return std::nullopt;
-
-    // A card that refuses the transaction is still worth reading.
-    const Transaction transaction(connection.handle());
-
-    switch (const CardType type = cardTypeOf(connection.atr())) {
-    case CardType::Unknown:
-        TLOG_WARN() << "Got unknown card.";
-        return std::nullopt;
-    case CardType::AcosSmartCard:
-        TLOG_INFO() << "Got ACOS smart card.";
-        return typed(type, readMcuId(connection));
-    case CardType::RfidTag:
-        TLOG_INFO() << "Got RFID tag.";
-        return typed(type, readUid(connection));
+    Outcome outcome;
+    {
+        const Connection connection(context, reader, outcome.failures);
+        if (connection.isOpen()) {
+            // A card that refuses the transaction is still worth reading.
+            const Transaction transaction(connection.handle(), outcome.failures);
+            outcome.result = readId(connection, outcome.card);
+        }
     }
-    return std::nullopt;
+    // The reset at the end may have failed only because the card has gone since: what was
+    // read still counts.
+    if (outcome.result != Result::Read) {
+        const bool gone = std::any_of(outcome.failures.begin(), outcome.failures.end(),
+                                      [](const Failure& failure) { return meansGone(failure.call.result()); });
+        if (gone)
+            outcome.result = Result::Gone;
+    }
+    return outcome;
+}
+
+bool CardReader::meansGone(LONG result)
+{
+    switch (result) {
+    case SCARD_W_REMOVED_CARD:
+    case SCARD_E_NO_SMARTCARD:
+    case SCARD_E_UNKNOWN_READER:
+    case SCARD_E_READER_UNAVAILABLE:
+        return true;
+    default:
+        return PcscService::isServiceLoss(result);
+    }
 }

@@ -13,13 +13,14 @@ void ReaderStates::watchNotifications(bool on)
 void ReaderStates::update(const std::vector<std::string>& listing, bool forgetStates)
 {
     std::vector<SCARD_READERSTATE> fresh;
+    std::vector<DWORD> freshSeen;
     fresh.reserve(listing.size() + 1);
     for (const std::string& name : listing) {
         const auto kept = std::find(readerNames.begin(), readerNames.end(), name);
-        if (forgetStates || kept == readerNames.end())
-            fresh.push_back(unaware(nullptr));
-        else
-            fresh.push_back(records[static_cast<size_t>(kept - readerNames.begin())]);
+        const bool known = kept != readerNames.end();
+        const size_t index = static_cast<size_t>(kept - readerNames.begin());
+        fresh.push_back(forgetStates || !known ? unaware(nullptr) : records[index]);
+        freshSeen.push_back(known ? seen[index] : SCARD_STATE_UNAWARE);
     }
     // The pseudo-reader's state carries the service's count of reader events, which newer
     // pcsc-lite compares to catch readers that came or went between two waits. PC/SC takes no
@@ -30,6 +31,7 @@ void ReaderStates::update(const std::vector<std::string>& listing, bool forgetSt
 
     readerNames = listing;
     records = std::move(fresh);
+    seen = std::move(freshSeen);
     for (size_t i = 0; i < readerNames.size(); ++i)
         records[i].szReader = readerNames[i].c_str();
 }

@@ -24,6 +24,10 @@ public:
     const std::vector<std::string>& names() const { return readerNames; }
     size_t readerCount() const { return readerNames.size(); }
     SCARD_READERSTATE& reader(size_t index) { return records[index]; }
+    // What the last wait told of a reader, kept while its record starts unaware again: a card
+    // that went while the states were forgotten still shows as gone.
+    DWORD lastSeen(size_t index) const { return seen[index]; }
+    void setLastSeen(size_t index, DWORD state) { seen[index] = state; }
     SCARD_READERSTATE* notification() { return records.size() > readerNames.size() ? &records.back() : nullptr; }
 
     SCARD_READERSTATE* data() { return records.data(); }
@@ -34,5 +38,6 @@ private:
 
     std::vector<std::string> readerNames;
     std::vector<SCARD_READERSTATE> records;
+    std::vector<DWORD> seen;
     bool notifications = false;
 };

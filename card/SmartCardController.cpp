@@ -1,7 +1,6 @@
 #include "SmartCardController.h"
 
 #include "Backoff.h"
-#include "CardReader.h"
 #include "Log.h"
 #include "PcscService.h"
 #include "ReaderName.h"
@@ -62,6 +61,11 @@ void SmartCardController::stop()
     const PcscCall cancel("SCardCancel", SCardCancel(context));
     if (cancel.failed())
         TLOG_DEBUG() << "~RFID() -> SCardCancel = " << cancel.code();
+}
+
+void SmartCardController::setIgnoredReaders(std::function<bool(const QString& reader)> ignoredReaders)
+{
+    ignored = std::move(ignoredReaders);
 }
 
 bool SmartCardController::isRunning()
@@ -149,6 +153,7 @@ PcscCall SmartCardController::refreshReaders(Listing listing)
     std::vector<std::string> names;
     if (const PcscCall call = listReaders(names); call.failed())
         return call;
+    dropIgnored(names);
 
     for (const std::string& name : names) {
         if (!contains(states.names(), name)) {
@@ -187,20 +192,24 @@ void SmartCardController::handleChanges()
 {
     // PC/SC counts insertions and removals in the upper half of the state. A card swapped for
     // another between two waits shows as present before and after, the count alone moved on.
+    // A record that starts unaware after a refresh has its card read again; the state seen
+    // before still tells whether that card is the one that was there.
     const auto cardEvents = [](DWORD state) { return state >> 16; };
     for (size_t i = 0; i < states.readerCount(); ++i) {
         SCARD_READERSTATE& state = states.reader(i);
         if (!(state.dwEventState & SCARD_STATE_CHANGED))
             continue;
-        const bool wasPresent = state.dwCurrentState & SCARD_STATE_PRESENT;
+        const DWORD before = states.lastSeen(i);
+        const bool forgotten = state.dwCurrentState == SCARD_STATE_UNAWARE;
+        const bool wasPresent = before & SCARD_STATE_PRESENT;
         const bool isPresent = state.dwEventState & SCARD_STATE_PRESENT;
-        const bool swapped = wasPresent && isPresent
-                             && cardEvents(state.dwEventState) != cardEvents(state.dwCurrentState);
+        const bool swapped = wasPresent && isPresent && cardEvents(state.dwEventState) != cardEvents(before);
         if (wasPresent && (state.dwEventState & SCARD_STATE_EMPTY || swapped))
-            emit cardRemoved();
-        if (isPresent && (!wasPresent || swapped))
-            processCard(state.szReader);
+            emit cardRemoved(ReaderName::toText(states.names()[i]));
+        if (isPresent && (forgotten || !wasPresent || swapped))
+            processCard(i);
         state.dwCurrentState = state.dwEventState;
+        states.setLastSeen(i, state.dwEventState);
     }
     if (SCARD_READERSTATE* notification = states.notification())
         notification->dwCurrentState = notification->dwEventState;
@@ -251,6 +260,24 @@ PcscCall SmartCardController::listReaders(std::vector<std::string>& names)
     return listing(SCARD_E_INSUFFICIENT_BUFFER);
 }
 
+void SmartCardController::dropIgnored(std::vector<std::string>& names)
+{
+    if (!ignored)
+        return;
+    std::set<std::string> ignoredListed;
+    const auto isIgnored = [&](const std::string& name) {
+        const QString text = ReaderName::toText(name);
+        if (!ignored(text))
+            return false;
+        if (!ignoredNow.count(name))
+            TLOG_INFO() << "Reader ignored:" << text;
+        ignoredListed.insert(name);
+        return true;
+    };
+    names.erase(std::remove_if(names.begin(), names.end(), isIgnored), names.end());
+    ignoredNow = std::move(ignoredListed);
+}
+
 // The log gets the first of a run of the same failure, then one line a minute with the count
 // of those not logged.
 void SmartCardController::reportFailure(const PcscCall& failure)
@@ -276,17 +303,20 @@ void SmartCardController::pause(std::chrono::milliseconds duration)
     CardClock::pause(stopRequested, lock, duration, [this] { return !running; });
 }
 
-void SmartCardController::processCard(const char* reader)
+void SmartCardController::processCard(size_t index)
 {
-    const std::optional<CardReader::Card> card = CardReader(context).read(reader);
+    const std::string& name = states.names()[index];
+    const std::optional<CardReader::Card> card =
+        cardReader.read(context, name, states.reader(index).dwEventState);
     if (!card)
         return;
+    const QString reader = ReaderName::toText(name);
     switch (card->type) {
     case CardType::RfidTag:
-        emit onRFID(card->id);
+        emit onRFID(reader, card->id);
         break;
     case CardType::AcosSmartCard:
-        emit onSC(card->id);
+        emit onSC(reader, card->id);
         break;
     case CardType::Unknown:
         break;

@@ -3,15 +3,19 @@
 #include "CardClock.h"
 #include "PcscCall.h"
 #include "ReaderStates.h"
+#include "RetryingCardReader.h"
 
 #include <winscard.h>
 
+#include <QByteArray>
 #include <QObject>
 #include <QString>
 
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -41,13 +45,20 @@ public:
     bool initialize();
     // Ends the loop: cancels its wait or pause. Callable from any thread, and again.
     void stop();
+    // Readers for which `ignored` holds are left alone: never connected to, never announced,
+    // their cards never read. Set it before process() runs; the loop asks it on its thread.
+    void setIgnoredReaders(std::function<bool(const QString& reader)> ignored);
 
+    // Every reader is named as PC/SC names it, as text.
 signals:
-    void onRFID(QString cardID);
-    void onSC(QString cardID);
+    // The raw identifier of the card laid on `reader`: a tag's UID, an ACOS card's MCU ID.
+    void onRFID(QString reader, QByteArray uid);
+    void onSC(QString reader, QByteArray mcuId);
     void onReaderConnect(QString reader);
     void onReaderDisconnect(QString reader);
-    void cardRemoved();
+    // The card that was on `reader` has gone, told before the next card there; not told of
+    // readers that go away.
+    void cardRemoved(QString reader);
     // The loop ended because the PC/SC service went away; every reader has been reported gone.
     void serviceLost();
 
@@ -69,9 +80,10 @@ private:
     void handleChanges();
     void forgetReaders();
     PcscCall listReaders(std::vector<std::string>& names);
+    void dropIgnored(std::vector<std::string>& names);
     void reportFailure(const PcscCall& failure);
     void pause(std::chrono::milliseconds duration);
-    void processCard(const char* reader);
+    void processCard(size_t reader);
 
     SCARDCONTEXT context = 0;
 
@@ -79,8 +91,15 @@ private:
     std::condition_variable stopRequested;
     bool running = false;
 
+    std::function<bool(const QString& reader)> ignored;
+
     // The loop's own, touched by the card thread only.
     ReaderStates states;
+    std::set<std::string> ignoredNow;
+    RetryingCardReader cardReader{[this](std::chrono::milliseconds duration) {
+        pause(duration);
+        return isRunning();
+    }};
     CardClock::Clock::time_point nextRefresh;
     bool listingDue = false;
     PcscCall lastLoggedFailure;

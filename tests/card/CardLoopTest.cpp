@@ -25,7 +25,7 @@ TEST_F(CardLoop, WithNoReaderTheWaitBlocksAndAReaderThatAppearsIsReadAtOnce)
         stack.cards["A"] = tag({0x01});
     });
 
-    EXPECT_EQ(run(), (Lines{"connect A", "rfid 01", "disconnect A"}));
+    EXPECT_EQ(run(), (Lines{"connect A", "rfid A 01", "disconnect A"}));
     EXPECT_EQ(calls("Wait"), (Lines{"Wait 0 1", "Wait 15000 1", "Wait 15000 1", "Wait 15000 1", "Wait 15000 1",
                                     "Wait 15000 2", "Wait 15000 2"}));
     EXPECT_EQ(stack.clockMs, 3 * refreshMs);
@@ -42,7 +42,7 @@ TEST_F(CardLoop, ACardSwappedForAnotherBetweenTwoWaitsIsRead)
         stack.cardEvents["A"] += 2;
     });
 
-    EXPECT_EQ(run(), (Lines{"connect A", "rfid 01", "removed", "rfid 02", "disconnect A"}));
+    EXPECT_EQ(run(), (Lines{"connect A", "rfid A 01", "removed A", "rfid A 02", "disconnect A"}));
 }
 
 TEST_F(CardLoop, AReaderUnpluggedDuringAWaitCostsTheOthersNothing)
@@ -65,7 +65,7 @@ TEST_F(CardLoop, AReaderUnpluggedDuringAWaitCostsTheOthersNothing)
                                    .arg(static_cast<quint32>(failure), 8, 16, QLatin1Char('0'))
                                    .arg(SmartCardErrorMessages::text(static_cast<int>(failure)))
                                    .toStdString());
-        expected.insert(expected.end(), {"disconnect A", "rfid 0b", "disconnect B"});
+        expected.insert(expected.end(), {"disconnect A", "rfid B 0b", "disconnect B"});
         EXPECT_EQ(run(), expected);
         EXPECT_EQ(calls("Pause"), Lines{}) << "a single failure is retried at once";
     }
@@ -94,7 +94,7 @@ TEST_F(CardLoop, LossOfTheServiceEndsTheLoopWithEveryReaderGone)
         const bool listing = std::string(loss.call) != "Wait";
         Lines expected = {"connect A", "connect B"};
         if (listing)
-            expected.push_back("rfid 0a");
+            expected.push_back("rfid A 0a");
         expected.insert(expected.end(), {"disconnect A", "disconnect B", "service lost"});
         EXPECT_EQ(run(), expected);
         EXPECT_TRUE(PcscService::isServiceLoss(loss.result));
@@ -117,8 +117,9 @@ TEST_F(CardLoop, ReaderNamesGoBackToPcscAsTheyCameAndToClientsAsValidText)
     const QString latin1Text = QString::fromUtf8("Leser \xC3\xA9");
     const QString brokenText = QString::fromUtf8("Reader \xC3\x83");
     const auto connectLine = [](const QString& name) { return ("connect " + name).toStdString(); };
-    EXPECT_EQ(run(), (Lines{connectLine(utf8Text), connectLine(latin1Text), connectLine(brokenText), "rfid 01",
-                            "rfid 02", "rfid 03", ("disconnect " + utf8Text).toStdString(),
+    const auto rfidLine = [](const QString& name, const char* id) { return ("rfid " + name + " " + id).toStdString(); };
+    EXPECT_EQ(run(), (Lines{connectLine(utf8Text), connectLine(latin1Text), connectLine(brokenText),
+                            rfidLine(utf8Text, "01"), rfidLine(latin1Text, "02"), rfidLine(brokenText, "03"), ("disconnect " + utf8Text).toStdString(),
                             ("disconnect " + latin1Text).toStdString(), ("disconnect " + brokenText).toStdString()}));
     EXPECT_EQ(calls("Connect "), (Lines{"Connect " + utf8, "Connect " + latin1, "Connect " + broken}));
 

@@ -62,8 +62,8 @@ private:
 };
 
 // Hands a controller's signals and logged PC/SC failures to `observer` as lines ("connect
-// <reader>", "rfid <id>", "sc <id>", "removed", "error <hex code> <text>", ...), on whichever
-// thread emits them.
+// <reader>", "rfid <reader> <hex id>", "sc <reader> <hex id>", "removed <reader>", "error <hex
+// code> <text>", ...), on whichever thread emits them.
 class CardEventLog
 {
 public:
@@ -77,11 +77,16 @@ public:
                              [observer, toLine](auto... args) { observer(toLine(args...)); }, Qt::DirectConnection);
         };
         FailureLog::observe(observer);
-        on(&C::onRFID, [](const QString& id) { return "rfid " + id; });
-        on(&C::onSC, [](const QString& id) { return "sc " + id; });
+        const auto card = [](const char* type) {
+            return [type](const QString& reader, const QByteArray& id) {
+                return QStringLiteral("%1 %2 %3").arg(QLatin1String(type), reader, QString::fromLatin1(id.toHex()));
+            };
+        };
+        on(&C::onRFID, card("rfid"));
+        on(&C::onSC, card("sc"));
         on(&C::onReaderConnect, [](const QString& name) { return "connect " + name; });
         on(&C::onReaderDisconnect, [](const QString& name) { return "disconnect " + name; });
-        on(&C::cardRemoved, [] { return QStringLiteral("removed"); });
+        on(&C::cardRemoved, [](const QString& name) { return "removed " + name; });
         on(&C::serviceLost, [] { return QStringLiteral("service lost"); });
     }
     ~CardEventLog() { FailureLog::observe({}); }

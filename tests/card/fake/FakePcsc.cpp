@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <condition_variable>
 #include <cstring>
+#include <memory>
 #include <mutex>
 
 namespace FakePcsc {
@@ -19,13 +20,25 @@ const SCARDCONTEXT establishedContext = 0x1C0DE;
 const SCARDHANDLE connectedCard = 0x2CA2D;
 const Bytes readUid = {0xFF, 0xCA, 0x00, 0x00, 0x00};
 
+// The scripted failure of the call by that name, taking one that was for once only.
+LONG scriptedFailure(const std::string& name)
+{
+    const auto once = stack.failOnce.find(name);
+    if (once != stack.failOnce.end()) {
+        const LONG result = once->second;
+        stack.failOnce.erase(once);
+        return result;
+    }
+    const auto failed = stack.failures.find(name);
+    return failed != stack.failures.end() ? failed->second : SCARD_S_SUCCESS;
+}
+
 // Journals the call and returns its scripted failure, else success when the arguments are valid.
 LONG call(const std::string& entry, bool valid)
 {
     stack.journal.push_back(entry);
-    const auto failed = stack.failures.find(entry.substr(0, entry.find(' ')));
-    if (failed != stack.failures.end())
-        return failed->second;
+    if (const LONG failure = scriptedFailure(entry.substr(0, entry.find(' '))))
+        return failure;
     return valid ? SCARD_S_SUCCESS : SCARD_E_INVALID_HANDLE;
 }
 
@@ -68,6 +81,19 @@ Card tag(Bytes uid)
     return {{0x3B, 0x8F, 0x80, 0x01, 0x80, 0x4F, 0x0C, 0xA0, 0x00, 0x00, 0x03, 0x06, 0x03, 0x00, 0x01, 0x00, 0x00,
              0x00, 0x00, 0x6A},
             [uid](const Bytes& command) { return command == readUid ? withStatus(uid) : notSupported; }};
+}
+
+Card tagFailingFirst(Bytes uid, Reply first, int times)
+{
+    Card card = tag(uid);
+    auto left = std::make_shared<int>(times);
+    card.respond = [plain = card.respond, first, left](const Bytes& command) {
+        if (command != readUid || *left == 0)
+            return plain(command);
+        --*left;
+        return first;
+    };
+    return card;
 }
 
 Stack stack;
@@ -217,18 +243,6 @@ bool fillIn(SCARD_READERSTATE* records, DWORD count, const std::vector<std::stri
     return anyChanged;
 }
 
-LONG scriptedFailure()
-{
-    const auto once = stack.failOnce.find("Wait");
-    if (once != stack.failOnce.end()) {
-        const LONG result = once->second;
-        stack.failOnce.erase(once);
-        return result;
-    }
-    const auto failed = stack.failures.find("Wait");
-    return failed != stack.failures.end() ? failed->second : SCARD_S_SUCCESS;
-}
-
 } // namespace
 
 LONG SCardGetStatusChange(SCARDCONTEXT context, DWORD timeout, SCARD_READERSTATE* records, DWORD count)
@@ -246,7 +260,7 @@ LONG SCardGetStatusChange(SCARDCONTEXT context, DWORD timeout, SCARD_READERSTATE
         if (takeCancel())
             return SCARD_E_CANCELLED;
     }
-    if (const LONG failure = scriptedFailure())
+    if (const LONG failure = scriptedFailure("Wait"))
         return failure;
     if (fillIn(records, count, readersBefore))
         return SCARD_S_SUCCESS;
@@ -285,10 +299,15 @@ LONG SCardDisconnect(SCARDHANDLE card, DWORD disposition)
     return call("Disconnect " + std::to_string(disposition), card == connectedCard);
 }
 
-LONG SCardStatus(SCARDHANDLE card, LPSTR, LPDWORD, LPDWORD, LPDWORD, LPBYTE atr, LPDWORD atrLength)
+LONG SCardStatus(SCARDHANDLE card, LPSTR name, LPDWORD nameLength, LPDWORD, LPDWORD, LPBYTE atr,
+                 LPDWORD atrLength)
 {
     if (const LONG result = call("Status", card == connectedCard))
         return result;
+    // As a release that ends the name as a multi-string does: room for the name and its NUL
+    // is one byte short.
+    if (name && nameLength && *nameLength < stack.connectedReader.size() + 2)
+        return SCARD_E_INSUFFICIENT_BUFFER;
     const Card* onReader = connectedCardOnReader();
     return onReader ? copyOut(onReader->atr, atr, atrLength) : SCARD_W_REMOVED_CARD;
 }

@@ -28,6 +28,9 @@ struct Card
 
 // A tag that answers READ UID the way the service expects.
 Card tag(Bytes uid);
+// A tag that answers its first `times` READ UIDs with `first` (a result, or a reply with its
+// status word), as one still entering the field does, and then as tag() does.
+Card tagFailingFirst(Bytes uid, Reply first, int times = 1);
 
 struct Stack
 {
@@ -36,7 +39,7 @@ struct Stack
     // Insertions and removals per reader, which PC/SC reports in the upper half of a state.
     std::map<std::string, DWORD> cardEvents;
     // Calls by name ("Connect", "ListNames", "Wait", ...) that fail with this result; those in
-    // failOnce fail the next time only (only "Wait" so far).
+    // failOnce fail the next time only.
     std::map<std::string, LONG> failures;
     std::map<std::string, LONG> failOnce;
     // One step each time the loop would block: a wait with a time-out that has nothing to tell
