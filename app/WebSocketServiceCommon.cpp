@@ -3,13 +3,10 @@
 #include "PCSCMonitor.h"
 #include "Settings.h"
 
+#include "CardEventPublisher.h"
 #include "PcscService.h"
-#include "ReaderCommand.h"
-#include "SCCommand.h"
 #include "ServerThread.h"
 #include "SmartCardController.h"
-#include "TagCommand.h"
-#include "VersionCommand.h"
 
 #include "Log.h"
 
@@ -42,9 +39,19 @@ bool WebSocketServiceCommon::start()
     serverThread = std::make_unique<ServerThread>(settings->GetPort(), certFile, keyFile, settings->GetLogPath(),
                                                   nullptr);
     serverThread->setAllowedOrigins(settings->GetAllowedOrigins());
+    publisher = std::make_unique<CardEventPublisher>(
+        CardEventPublisher::Options{settings->GetTagIdFormat(), settings->GetReaderRules(),
+                                    std::chrono::milliseconds(settings->GetRepeatWindow())},
+        QCoreApplication::applicationVersion(),
+        [server = serverThread.get()](const ProtocolTexts& texts) { server->sendToAll(texts); });
     // Connected before the thread runs, so that no client can open before it is greeted.
     connect(serverThread.get(), &ServerThread::onClientConnected, serverThread.get(),
-            [this](ConnectionContext context) { greetClient(context); }, Qt::DirectConnection);
+            [this](ConnectionContext context) {
+                qDebug() << "Client connected.";
+                publisher->greet(context.protocol,
+                                 [&](const QStringList& greeting) { serverThread->admitClient(context, greeting); });
+            },
+            Qt::DirectConnection);
     serverThread->start();
     if (!serverThread->waitForInit())
         return false;
@@ -63,22 +70,22 @@ void WebSocketServiceCommon::startCardHandling()
         return;
     }
 
-    // The handlers run on the card thread: each message goes from there straight to the server.
+    const ReaderRules rules = Settings::Instance()->GetReaderRules();
+    controller->setIgnoredReaders([rules](const QString& reader) { return rules.ignores(reader); });
+
+    // The handlers run on the card thread: each event goes from there straight to the publisher.
     using Card = SmartCardController;
     Card* events = controller.get();
-    connect(events, &Card::onRFID, events,
-            [this](QString, QByteArray uid) {
-                serverThread->sendToAll(TagCommand::build(QString::fromLatin1(uid.toHex())));
-            },
+    CardEventPublisher* told = publisher.get();
+    connect(events, &Card::onRFID, events, [told](QString reader, QByteArray uid) { told->tagRead(reader, uid); },
             Qt::DirectConnection);
-    connect(events, &Card::onSC, events,
-            [this](QString, QByteArray mcuId) {
-                serverThread->sendToAll(SCCommand::build(QString::fromLatin1(mcuId.toHex())));
-            },
+    connect(events, &Card::onSC, events, [told](QString reader, QByteArray id) { told->smartCardRead(reader, id); },
             Qt::DirectConnection);
-    connect(events, &Card::onReaderConnect, events, [this](QString reader) { announceReader(reader, true); },
+    connect(events, &Card::cardRemoved, events, [told](QString reader) { told->cardRemoved(reader); },
             Qt::DirectConnection);
-    connect(events, &Card::onReaderDisconnect, events, [this](QString reader) { announceReader(reader, false); },
+    connect(events, &Card::onReaderConnect, events, [told](QString reader) { told->readerConnected(reader); },
+            Qt::DirectConnection);
+    connect(events, &Card::onReaderDisconnect, events, [told](QString reader) { told->readerDisconnected(reader); },
             Qt::DirectConnection);
     connect(events, &Card::serviceLost, this, &WebSocketServiceCommon::cardServiceLost, Qt::QueuedConnection);
 
@@ -119,28 +126,6 @@ void WebSocketServiceCommon::pcscAvailable()
     monitor.reset();
     TLOG_INFO() << "PC/SC service available.";
     startCardHandling();
-}
-
-void WebSocketServiceCommon::greetClient(const ConnectionContext& context)
-{
-    qDebug() << "Client connected.";
-    std::lock_guard<std::mutex> lock(readersMutex);
-    QStringList greeting;
-    for (const QString& reader : qAsConst(knownReaders))
-        greeting << ReaderCommand::build(reader, true);
-    greeting << VersionCommand::build(QCoreApplication::applicationVersion());
-    serverThread->admitClient(context, greeting);
-}
-
-void WebSocketServiceCommon::announceReader(const QString& name, bool connected)
-{
-    const QString text = ReaderCommand::build(name, connected);
-    std::lock_guard<std::mutex> lock(readersMutex);
-    if (connected)
-        knownReaders.append(name);
-    else
-        knownReaders.removeOne(name);
-    serverThread->sendToAll(text);
 }
 
 void WebSocketServiceCommon::stop()

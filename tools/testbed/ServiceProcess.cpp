@@ -44,7 +44,8 @@ void ServiceProcess::writeSettings(const QVariantMap& values)
 {
     QSettings settings(settingsFile(), QSettings::IniFormat);
     for (auto it = values.begin(); it != values.end(); ++it)
-        settings.setValue(QStringLiteral("service/") + it.key(), it.value());
+        settings.setValue(it.key().contains(QLatin1Char('/')) ? it.key() : QStringLiteral("service/") + it.key(),
+                          it.value());
 }
 
 void ServiceProcess::serveOn(quint16 port, const TestCertificate& certificate)

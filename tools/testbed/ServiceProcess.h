@@ -17,7 +17,8 @@ public:
     ServiceProcess();
     ~ServiceProcess();
 
-    // Writes the [service] keys given (e.g. "port", "certfile") to the settings file.
+    // Writes the keys given to the settings file: "port", "certfile" and other plain names to
+    // [service], "readers/ignore" and the like to their own section.
     void writeSettings(const QVariantMap& values);
     // Points the service at `port` on 127.0.0.1 with this certificate and key.
     void serveOn(quint16 port, const TestCertificate& certificate);
