@@ -43,10 +43,14 @@ public:
                                                      SCARD_PROTOCOL_T0 | SCARD_PROTOCOL_T1, &card, &protocol)));
     }
 
+    // A card that stopped answering is most likely being lifted: a reset then fails, and
+    // pcscd, which marks the card as present after a failed reset, misses the next one laid
+    // within its poll. Such a card is left as it is; it is powered up anew when read next.
     ~Connection()
     {
         if (open)
-            check(failures, PcscCall("SCardDisconnect", SCardDisconnect(card, SCARD_RESET_CARD)));
+            check(failures, PcscCall("SCardDisconnect",
+                                     SCardDisconnect(card, broken ? SCARD_LEAVE_CARD : SCARD_RESET_CARD)));
     }
 
     Connection(const Connection&) = delete;
@@ -66,8 +70,10 @@ public:
         unsigned char bytes[MAX_ATR_SIZE] = {};
         DWORD atrLength = MAX_ATR_SIZE;
         if (!check(failures, PcscCall("SCardStatus", SCardStatus(card, nullptr, nullptr, &state, &cardProtocol,
-                                                                  bytes, &atrLength))))
+                                                                  bytes, &atrLength)))) {
+            broken = true;
             return std::nullopt;
+        }
         return QVector<unsigned char>(bytes, bytes + std::min<DWORD>(atrLength, MAX_ATR_SIZE));
     }
 
@@ -82,8 +88,10 @@ public:
         DWORD replyLength = static_cast<DWORD>(reply.size());
         if (!check(failures, PcscCall("SCardTransmit", SCardTransmit(card, &sendPci, command.bytes.data(),
                                                                      static_cast<DWORD>(command.bytes.size()),
-                                                                     nullptr, reply.data(), &replyLength))))
+                                                                     nullptr, reply.data(), &replyLength)))) {
+            broken = true;
             return std::nullopt;
+        }
         // Only lengths within the buffer that was handed over are ever read.
         reply.resize(std::min<size_t>(replyLength, reply.size()));
         return ApduResponse(std::move(reply));
@@ -94,6 +102,7 @@ private:
     SCARDHANDLE card = 0;
     DWORD protocol = 0;
     bool open = false;
+    mutable bool broken = false;
 };
 
 // Held while the card is read, so no other program talks to it in between. It is ended even

@@ -79,7 +79,6 @@ private:
     PcscCall waitForChanges();
     void handleChanges();
     void forgetReaders();
-    PcscCall listReaders(std::vector<std::string>& names);
     void dropIgnored(std::vector<std::string>& names);
     void reportFailure(const PcscCall& failure);
     void pause(std::chrono::milliseconds duration);

@@ -12,6 +12,8 @@ using CardPresence = FakeStack;
 using IgnoredReaders = FakeStack;
 
 const int refreshMs = 15000;
+const std::string leave = "Disconnect " + std::to_string(SCARD_LEAVE_CARD);
+const std::string reset = "Disconnect " + std::to_string(SCARD_RESET_CARD);
 
 const Reply statusOnly(unsigned char sw1, unsigned char sw2)
 {
@@ -39,16 +41,19 @@ TEST_F(CardReading, AReadThatFailsWhileTheCardStaysIsTriedAgainAndTheCardReporte
         std::function<void()> fault;
         const char* warning;
         LONG failure;
+        // How the failed attempt let go of the card: one that stopped answering is not reset.
+        Lines disconnects;
     } faults[] = {
         {"unresponsive", [] { stack.failOnce["Connect"] = SCARD_W_UNRESPONSIVE_CARD; }, "SCardConnect returned:",
-         SCARD_W_UNRESPONSIVE_CARD},
-        {"reset", [] { stack.failOnce["Status"] = SCARD_W_RESET_CARD; }, "SCardStatus returned:", SCARD_W_RESET_CARD},
+         SCARD_W_UNRESPONSIVE_CARD, {}},
+        {"reset", [] { stack.failOnce["Status"] = SCARD_W_RESET_CARD; }, "SCardStatus returned:", SCARD_W_RESET_CARD,
+         {leave}},
         {"not transacted", [] { stack.failOnce["Transmit"] = SCARD_E_NOT_TRANSACTED; }, "SCardTransmit returned:",
-         SCARD_E_NOT_TRANSACTED},
+         SCARD_E_NOT_TRANSACTED, {leave}},
         {"status word", [] { stack.cards["A"] = tagFailingFirst({0x01}, statusOnly(0x63, 0x00)); }, "Wrong response",
-         SCARD_S_SUCCESS},
+         SCARD_S_SUCCESS, {reset}},
         {"empty UID", [] { stack.cards["A"] = tagFailingFirst({0x01}, statusOnly(0x90, 0x00)); }, "empty UID",
-         SCARD_S_SUCCESS},
+         SCARD_S_SUCCESS, {reset}},
     };
     for (const auto& fault : faults) {
         SCOPED_TRACE(fault.what);
@@ -65,6 +70,9 @@ TEST_F(CardReading, AReadThatFailsWhileTheCardStaysIsTriedAgainAndTheCardReporte
         EXPECT_EQ(calls("Connect"), (Lines{"Connect A", "Connect A"}));
         EXPECT_EQ(calls("Pause"), Lines{"Pause 150"});
         EXPECT_EQ(warningsAbout(fault.warning), 1);
+        Lines disconnects = fault.disconnects;
+        disconnects.push_back(reset);
+        EXPECT_EQ(calls("Disconnect"), disconnects);
     }
 }
 

@@ -1,0 +1,272 @@
+// Taps as a hand makes them, through the built service on a private PC/SC stack: cards that
+// need a second read, odd identifiers, and cards lifted the moment their message is out.
+#include "ReaderPresenceWatch.h"
+#include "ServiceFixture.h"
+#include "TagArrivals.h"
+#include "TestWsClient.h"
+#include "WssClientGroup.h"
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <cstdio>
+#include <map>
+#include <mutex>
+
+namespace {
+
+using namespace std::chrono_literals;
+using VirtualCards::CardPersonality;
+using VirtualCards::VirtualCard;
+
+// A refresh of the reader list comes every 15 s; a loaded two-core machine needs room on top.
+constexpr int eventTimeoutMs = 45000;
+const auto presenceTimeout = 10s;
+const int layAttempts = 3;
+
+struct Message
+{
+    std::string type;
+    std::string id;
+    bool operator==(const Message& other) const { return type == other.type && id == other.id; }
+};
+
+std::ostream& operator<<(std::ostream& out, const Message& message)
+{
+    return out << message.type << ' ' << message.id;
+}
+
+Message parse(const std::string& text)
+{
+    return {jsonStringField(text, "type").value_or("?"), jsonStringField(text, "tag_id").value_or("")};
+}
+
+Message next(TestWsClient& client, int timeoutMs = eventTimeoutMs)
+{
+    const std::optional<QString> text = client.nextMessage(timeoutMs);
+    return text ? parse(text->toStdString()) : Message{"<nothing>", ""};
+}
+
+std::string hexId(uint32_t number)
+{
+    char text[9];
+    std::snprintf(text, sizeof text, "%08x", number);
+    return text;
+}
+
+class CardTapEndToEnd : public ServiceFixture
+{
+protected:
+    void startService()
+    {
+        startPcscd();
+        ASSERT_TRUE(service.start());
+        ASSERT_TRUE(waitUntil([&] { return service.countInLog(QStringLiteral("Reader connected:")) >= 2; },
+                              eventTimeoutMs))
+            << service.appLog().toStdString();
+    }
+
+    std::unique_ptr<TestWsClient> greetedClient()
+    {
+        auto client = std::make_unique<TestWsClient>();
+        EXPECT_TRUE(client->connect(port)) << client->lastError().toStdString();
+        while (true) {
+            const Message greeting = next(*client);
+            if (greeting.type == "VERSION" || greeting.type == "<nothing>")
+                break;
+        }
+        return client;
+    }
+};
+
+TEST_F(CardTapEndToEnd, ATagWhoseFirstReadFailsIsReadAgainAndReportedOnce)
+{
+    startService();
+    auto client = greetedClient();
+
+    // Each refresh reads the card left on the second reader again: right after one such
+    // message the next refresh is a whole interval away, far beyond this tap.
+    auto marker = layOn(1, CardPersonality::acosCard(*VirtualCards::parseHex("0102030405060708")));
+    const Message markerMessage{"SC", "0102030405060708"};
+    ASSERT_EQ(next(*client), markerMessage);
+    ASSERT_EQ(next(*client), markerMessage);
+
+    CardPersonality entering = tag("04a1b2c3");
+    entering.setStatusWord(0x63, 0x00, 1);
+    auto card = layOn(0, entering);
+    EXPECT_EQ(next(*client), (Message{"TAG", "04a1b2c3"}));
+    EXPECT_EQ(next(*client, 2000), (Message{"<nothing>", ""})) << "still on the reader";
+    EXPECT_EQ(card->receivedApdus().size(), 2u) << "the failed read and the second one";
+    EXPECT_GE(service.countInLog(QStringLiteral("Wrong response")), 1);
+}
+
+TEST_F(CardTapEndToEnd, AUidOfTenBytesIsDeliveredAndAnEmptyOneOnlyWarnedOf)
+{
+    startService();
+    auto client = greetedClient();
+
+    auto longUid = layOn(0, tag("04112233445566778899"));
+    EXPECT_EQ(next(*client), (Message{"TAG", "04112233445566778899"}));
+    longUid->takeAway();
+
+    auto empty = layOn(0, CardPersonality::rfidTag({}));
+    EXPECT_TRUE(service.waitForLog(QStringLiteral("empty UID"), eventTimeoutMs)) << service.appLog().toStdString();
+    EXPECT_TRUE(service.waitForLog(QStringLiteral("Gave up reading the card"), eventTimeoutMs));
+    empty->takeAway();
+    EXPECT_GE(service.countInLog(QStringLiteral("WARN")), 1);
+
+    // Nothing came of the empty one in between.
+    auto after = layOn(0, tag("0a0b0c0d"));
+    EXPECT_EQ(next(*client), (Message{"TAG", "0a0b0c0d"}));
+}
+
+// What the client saw of a run of taps, and the card it lifts the moment that card's message
+// arrives, on the client's own thread.
+class QuickLifts
+{
+public:
+    void onMessage(const std::string& text)
+    {
+        const Message message = parse(text);
+        std::lock_guard<std::mutex> lock(mutex);
+        if (message.type == "SC") {
+            ++refreshes;
+            arrived.notify_all();
+        }
+        if (message.type != "TAG")
+            return;
+        ++tags[message.id];
+        if (message.id != expected || !card)
+            return;
+        card->takeAway();
+        delivered = true;
+        marksWhenDelivered = refreshes;
+        arrived.notify_all();
+    }
+
+    // Lays a card, and again when PC/SC did not take it up; false when it never did.
+    bool lay(const std::string& id, quint16 port, ReaderPresenceWatch& presence, const std::string& reader)
+    {
+        for (int attempt = 1; attempt <= layAttempts; ++attempt) {
+            {
+                std::lock_guard<std::mutex> lock(mutex);
+                if (card)
+                    card->takeAway();
+                if (attempt > 1)
+                    ++laidAgain;
+                expected = id;
+                delivered = false;
+                card = std::make_unique<VirtualCard>(CardPersonality::rfidTag(*VirtualCards::parseHex(id)));
+                marksWhenSeen = -1;
+                if (!card->layOn(port))
+                    return false;
+            }
+            const bool seen = presence.waitFor(reader, true, presenceTimeout).has_value();
+            std::lock_guard<std::mutex> lock(mutex);
+            if (seen || delivered) {
+                marksWhenSeen = refreshes;
+                return true;
+            }
+        }
+        return false;
+    }
+
+    // Until the card's message came; false after `timeout`.
+    bool waitForDelivery(std::chrono::milliseconds timeout)
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        return arrived.wait_for(lock, timeout, [this] { return delivered; });
+    }
+
+    // Until the marker card's messages have come this often.
+    bool waitForMarks(int count, std::chrono::milliseconds timeout)
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        return arrived.wait_for(lock, timeout, [&] { return refreshes >= count; });
+    }
+
+    void takeAway()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (card)
+            card->takeAway();
+    }
+
+    std::map<std::string, int> tagCounts()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return tags;
+    }
+    // Delivered only after a refresh that came once PC/SC had seen the card: the service
+    // missed it as it was laid.
+    bool lastCameWithARefresh()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return delivered && marksWhenDelivered > marksWhenSeen;
+    }
+    int cardsLaidAgain()
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return laidAgain;
+    }
+
+private:
+    std::mutex mutex;
+    std::condition_variable arrived;
+    std::unique_ptr<VirtualCard> card;
+    std::string expected;
+    bool delivered = false;
+    std::map<std::string, int> tags;
+    int refreshes = 0;
+    int marksWhenSeen = -1;
+    int marksWhenDelivered = 0;
+    int laidAgain = 0;
+};
+
+TEST_F(CardTapEndToEnd, CardsLiftedTheMomentTheirMessageArrivesLoseNoTapAndAreReportedOnce)
+{
+    const int taps = 50;
+    startService();
+    qputenv("PCSCLITE_CSOCK_NAME", pcscd.socketPath().toLocal8Bit());
+    ReaderPresenceWatch presence;
+    ASSERT_TRUE(presence.open()) << presence.lastError();
+
+    QuickLifts lifts;
+    WssClientGroup client([&](int, const std::string& text, WssClientGroup::Clock::time_point) { lifts.onMessage(text); });
+    ASSERT_TRUE(client.connect(port, 1, 15s)) << client.lastError();
+    // A card left on the first reader marks each refresh, which would read a missed card on the
+    // second one, listed after it: a tap it delivers was lost on the lay.
+    auto marker = layOn(0, CardPersonality::acosCard(*VirtualCards::parseHex("0102030405060708")));
+    ASSERT_TRUE(lifts.waitForMarks(1, std::chrono::milliseconds(eventTimeoutMs)));
+
+    const std::string reader = pcscd.readerName(1).toStdString();
+    int seen = 0;
+    int delivered = 0;
+    std::vector<std::string> lost;
+    for (int tap = 1; tap <= taps; ++tap) {
+        const std::string id = hexId(0xc0de0000u + static_cast<uint32_t>(tap));
+        if (!lifts.lay(id, pcscd.vpcdPort(1), presence, reader))
+            continue;
+        ++seen;
+        if (lifts.waitForDelivery(std::chrono::milliseconds(eventTimeoutMs)) && !lifts.lastCameWithARefresh())
+            ++delivered;
+        else
+            lost.push_back(id);
+        lifts.takeAway();
+        ASSERT_TRUE(presence.waitFor(reader, false, presenceTimeout)) << "tap " << tap << ": " << presence.lastError();
+    }
+
+    // The last message came, so nothing of the taps before is still on its way.
+    const std::string last = "0e0d0c0b";
+    ASSERT_TRUE(lifts.lay(last, pcscd.vpcdPort(1), presence, reader));
+    ASSERT_TRUE(lifts.waitForDelivery(std::chrono::milliseconds(eventTimeoutMs)));
+
+    std::cout << "quick lifts: " << delivered << " of " << seen << " delivered; " << lifts.cardsLaidAgain()
+              << " laid again as PC/SC did not take them up" << std::endl;
+    EXPECT_GT(seen, taps / 2) << "PC/SC took up too few cards to tell";
+    EXPECT_EQ(delivered, seen) << ::testing::PrintToString(lost);
+    for (const auto& [id, count] : lifts.tagCounts())
+        EXPECT_EQ(count, 1) << id;
+}
+
+} // namespace
