@@ -1,11 +1,14 @@
 // Example client of the Tiv RFID WebSocket Service: lists the readers and the service version,
-// and shows every tag and smart card as it is read. Plain browser JavaScript, no build step.
+// and shows every tag and smart card as it is read, on which reader, and when it was lifted.
+// Plain browser JavaScript, no build step.
 'use strict';
 
 const DEFAULT_PORT = 8036;
+// Protocol 1 says nothing about readers, re-reports or removals.
+const PROTOCOL = 'tiv-rfid.2';
 const FIRST_RETRY_DELAY_MS = 1000;
 const LONGEST_RETRY_DELAY_MS = 10000;
-// A card left on a reader is reported again every few seconds; keep the page from growing forever.
+// A card left on a reader is reported again every 15 s; keep the page from growing forever.
 const MOST_READS_SHOWN = 200;
 
 const CARD_KINDS = {
@@ -50,9 +53,12 @@ function parseMessage(data) {
     return null;
   }
   const isText = (key) => typeof message[key] === 'string';
+  const isSeq = () => Number.isInteger(message.seq) && message.seq >= 0;
+  const isRead = () => isText('tag_id') && isText('reader') && typeof message.repeat === 'boolean' && isSeq();
   const wellFormed = {
-    TAG: () => isText('tag_id'),
-    SC: () => isText('tag_id'),
+    TAG: () => isRead() && isText('uid'),
+    SC: isRead,
+    REMOVED: () => isText('tag_id') && isText('reader') && isSeq(),
     READER: () => isText('name') && (message.event === 'CONNECTED' || message.event === 'DISCONNECTED'),
     VERSION: () => isText('version'),
   }[message.type];
@@ -75,7 +81,9 @@ class ServiceConnection {
 
   open() {
     this.onStateChange('connecting');
-    const socket = new WebSocket(this.url);
+    // The browser refuses the connection if the service does not pick this protocol, so
+    // every message that arrives is a protocol 2 one.
+    const socket = new WebSocket(this.url, PROTOCOL);
     socket.onopen = () => {
       this.retryDelay = FIRST_RETRY_DELAY_MS;
       this.onStateChange('connected');
@@ -101,7 +109,7 @@ class ClientView {
   constructor(document, address) {
     this.document = document;
     this.readerItems = new Map();
-    this.readCount = 0;
+    this.tapCount = 0;
     this.everConnected = false;
 
     this.element('address').textContent = address;
@@ -148,8 +156,11 @@ class ClientView {
       case 'VERSION':
         this.element('version').textContent = message.version;
         break;
+      case 'REMOVED':
+        this.markLifted(message.reader, message.tag_id);
+        break;
       default:
-        this.addRead(message.type, message.tag_id);
+        this.addRead(message);
     }
   }
 
@@ -179,34 +190,66 @@ class ClientView {
     }
   }
 
-  addRead(type, id) {
-    const now = new Date();
+  addRead({ type, tag_id: id, reader, repeat }) {
     const row = this.document.createElement('tr');
     row.dataset.type = type;
     row.dataset.id = id;
+    row.dataset.reader = reader;
+    row.dataset.repeat = String(repeat);
 
-    const time = this.document.createElement('time');
-    time.dateTime = now.toISOString();
-    time.textContent = now.toLocaleTimeString([], { hour12: false });
     const badge = this.document.createElement('span');
     badge.className = 'badge';
     badge.textContent = type;
     badge.title = CARD_KINDS[type];
     const code = this.document.createElement('code');
     code.textContent = id === '' ? '(empty)' : id;
-
-    for (const content of [time, badge, code]) {
-      row.insertCell().append(content);
+    const idCell = [code];
+    if (repeat) {
+      const again = this.document.createElement('span');
+      again.className = 'again';
+      again.textContent = 'again';
+      again.title = 'Still on the reader: reported again, not a new tap';
+      idCell.push(' ', again);
     }
+
+    row.insertCell().append(this.timeNow());
+    row.insertCell().append(badge);
+    row.insertCell().textContent = reader;
+    row.insertCell().append(...idCell);
+    row.insertCell(); // filled in when the card is lifted
     const rows = this.element('reads').tBodies[0];
     rows.prepend(row);
     while (rows.rows.length > MOST_READS_SHOWN) {
       rows.lastElementChild.remove();
     }
 
-    this.readCount += 1;
-    this.element('read-count').textContent = String(this.readCount);
+    // Re-reports are the same card lying there, not someone laying it again.
+    if (!repeat) {
+      this.tapCount += 1;
+      this.element('read-count').textContent = String(this.tapCount);
+    }
     this.element('no-reads').hidden = true;
+  }
+
+  timeNow() {
+    const now = new Date();
+    const time = this.document.createElement('time');
+    time.dateTime = now.toISOString();
+    time.textContent = now.toLocaleTimeString([], { hour12: false });
+    return time;
+  }
+
+  // Shown on the card's newest row on that reader: earlier rows are older taps or re-reports of
+  // the same stay. The row may be gone already, dropped by the cap.
+  markLifted(reader, id) {
+    const row = [...this.element('reads').tBodies[0].rows]
+      .find((candidate) => candidate.dataset.reader === reader && candidate.dataset.id === id);
+    if (!row || row.dataset.lifted) {
+      return;
+    }
+    const time = this.timeNow();
+    row.dataset.lifted = time.dateTime;
+    row.cells[row.cells.length - 1].append('lifted ', time);
   }
 }
 

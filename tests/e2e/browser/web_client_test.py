@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """The example web client in headless Chromium against the service that tiv-demo runs on
-virtual readers: the page lists the readers and the version, shows a tag laid on a reader, and
-when the service drops its connection (here for a message far too long), reconnects by itself
-and is greeted again, keeping its reads.
+virtual readers: the page speaks protocol 2, lists the readers and the version, and shows a tag
+laid on a reader with that reader's name. When the service drops its connection (here for a
+message far too long), it reconnects by itself, is greeted again, keeps its reads and shows the
+tag still lying there as a re-report. A tag taken away shows as lifted on that reader only.
 
   python3 web_client_test.py TIV-DEMO WEB-CLIENT-DIR VERSION
 
@@ -29,12 +30,19 @@ TIMEOUT = 90
 KEEP_SOCKETS = """window.WebSocket = class extends WebSocket {
   constructor(...args) { super(...args); (window.sockets ||= []).push(this); }
 };"""
+PROTOCOL = "tiv-rfid.2"
 PAGE = """({
   sockets: window.sockets?.length ?? 0,
+  protocols: (window.sockets ?? []).map((socket) => socket.protocol),
   state: document.getElementById('connection')?.dataset.state ?? null,
   version: document.getElementById('version')?.textContent ?? null,
   readers: [...document.querySelectorAll('#readers li')].map((item) => item.textContent).sort(),
-  reads: [...document.querySelectorAll('#reads tbody tr')].map((row) => `${row.dataset.type} ${row.dataset.id}`),
+  reads: [...document.querySelectorAll('#reads tbody tr')].map((row) => ({
+    card: `${row.dataset.type} ${row.dataset.id}`,
+    reader: row.dataset.reader,
+    repeat: row.dataset.repeat,
+    lifted: Boolean(row.dataset.lifted) && row.cells[row.cells.length - 1].textContent.startsWith('lifted '),
+  })),
 })"""
 
 
@@ -112,7 +120,7 @@ def start_demo(program):
     """tiv-demo, fed commands through its standard input, with its port and its readers."""
     demo = subprocess.Popen([program, "--port", "0"], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                             stderr=subprocess.STDOUT, text=True, bufsize=1)
-    port, readers = None, []
+    port, readers = None, []  # in the demo's order: reader N is readers[N]
     for line in demo.stdout:
         note(f"demo: {line.rstrip()}")
         if found := re.search(r"running on wss://127\.0\.0\.1:(\d+)", line):
@@ -122,7 +130,7 @@ def start_demo(program):
         if len(readers) == 2:
             threading.Thread(target=lambda: [note(f"demo: {line.rstrip()}") for line in demo.stdout],
                              daemon=True).start()
-            return demo, port, sorted(readers)
+            return demo, port, readers
     raise RuntimeError("tiv-demo did not start")
 
 
@@ -139,15 +147,32 @@ def main(demo_program, web_client, version):
         browser = Chromium(home)
         browser.call("Page.navigate", browser.session,
                      url=f"http://127.0.0.1:{site.server_address[1]}/index.html?port={port}")
-        greeted = lambda page: page["state"] == "connected" and page["version"] == version and page["readers"] == readers
+        # A page without the subprotocol gets protocol 1 and would never see readers or removals.
+        greeted = lambda page: (page["state"] == "connected" and page["version"] == version
+                                and page["readers"] == sorted(readers) and set(page["protocols"]) == {PROTOCOL})
         browser.wait_for("greeting", greeted)
-        demo.stdin.write("tag 0 04a10b7f\n")
-        browser.wait_for("tag", lambda page: "TAG 04a10b7f" in page["reads"])
+
+        # The same tag on both readers: its removal from one must not mark it lifted on the other.
+        tag = "TAG 04a10b7f"
+        rows = lambda page, reader: [read for read in page["reads"] if read["card"] == tag and read["reader"] == reader]
+        for number, reader in enumerate(readers):
+            demo.stdin.write(f"tag {number} 04a10b7f\n")
+            # The oldest row: the service's re-report may already have followed it.
+            page = browser.wait_for(f"tag on {reader}", lambda page: rows(page, reader))
+            if rows(page, reader)[-1]["repeat"] != "false":
+                raise AssertionError(f"a tap was shown as a re-report: {page}")
 
         browser.evaluate("window.sockets[0].send('x'.repeat(70000))")
-        page = browser.wait_for("new greeting", lambda page: page["sockets"] == 2 and greeted(page))
-        if "TAG 04a10b7f" not in page["reads"]:
+        # The new greeting re-reports the tags still lying there, after the readers, before the version.
+        repeated = lambda page: all(rows(page, reader)[0]["repeat"] == "true" for reader in readers)
+        page = browser.wait_for("new greeting", lambda page: page["sockets"] == 2 and greeted(page) and repeated(page))
+        if not all(rows(page, reader)[-1]["repeat"] == "false" for reader in readers):
             raise AssertionError(f"the reads were not kept: {page}")
+
+        demo.stdin.write("remove 0\n")
+        page = browser.wait_for("lift", lambda page: rows(page, readers[0])[0]["lifted"])
+        if any(read["lifted"] for read in rows(page, readers[1])):
+            raise AssertionError(f"the tag was shown lifted from the reader it still lies on: {page}")
         demo.stdin.write("quit\n")
         if demo.wait(TIMEOUT) != 0:
             raise RuntimeError(f"tiv-demo ended with status {demo.returncode}")
