@@ -144,7 +144,7 @@ void DemoSession::removeCard(int reader, bool reportEmptyReader)
         return;
     }
     cards[reader].reset();
-    // The service says nothing when a card leaves; wait until PC/SC has seen it go.
+    // Only protocol-2 clients hear of a card that leaves; wait until PC/SC has seen it go.
     if (presence.waitFor(stack.pcscd().readerName(reader).toStdString(), false, removalTimeout)) {
         Console::line(QStringLiteral("took the card off reader %1").arg(reader));
     } else if (!cancelled) {
