@@ -57,15 +57,6 @@ std::string hexId(uint32_t number)
 class CardTapEndToEnd : public ServiceFixture
 {
 protected:
-    void startService()
-    {
-        startPcscd();
-        ASSERT_TRUE(service.start());
-        ASSERT_TRUE(waitUntil([&] { return service.countInLog(QStringLiteral("Reader connected:")) >= 2; },
-                              eventTimeoutMs))
-            << service.appLog().toStdString();
-    }
-
     std::unique_ptr<TestWsClient> greetedClient()
     {
         auto client = std::make_unique<TestWsClient>();
@@ -81,7 +72,8 @@ protected:
 
 TEST_F(CardTapEndToEnd, ATagWhoseFirstReadFailsIsReadAgainAndReportedOnce)
 {
-    startService();
+    startPcscd();
+    startServiceWithReaders();
     auto client = greetedClient();
 
     // Each refresh reads the card left on the second reader again: right after one such
@@ -102,7 +94,8 @@ TEST_F(CardTapEndToEnd, ATagWhoseFirstReadFailsIsReadAgainAndReportedOnce)
 
 TEST_F(CardTapEndToEnd, AUidOfTenBytesIsDeliveredAndAnEmptyOneOnlyWarnedOf)
 {
-    startService();
+    startPcscd();
+    startServiceWithReaders();
     auto client = greetedClient();
 
     auto longUid = layOn(0, tag("04112233445566778899"));
@@ -226,7 +219,8 @@ private:
 TEST_F(CardTapEndToEnd, CardsLiftedTheMomentTheirMessageArrivesLoseNoTapAndAreReportedOnce)
 {
     const int taps = 50;
-    startService();
+    startPcscd();
+    startServiceWithReaders();
     qputenv("PCSCLITE_CSOCK_NAME", pcscd.socketPath().toLocal8Bit());
     ReaderPresenceWatch presence;
     ASSERT_TRUE(presence.open()) << presence.lastError();

@@ -1,5 +1,6 @@
 // Protocol 2 beside the original one, through the built service on a private PC/SC stack:
 // the original clients' texts must not change by a byte.
+#include "OriginalTexts.h"
 #include "ServiceFixture.h"
 #include "TestWsClient.h"
 
@@ -15,23 +16,6 @@ using VirtualCards::parseHex;
 
 // A refresh of the reader list comes every 15 s; a loaded two-core machine needs room on top.
 constexpr int eventTimeoutMs = 45000;
-
-std::string originalCard(const char* type, const char* id)
-{
-    return QStringLiteral("{\n    \"error\": null,\n    \"tag_id\": \"%1\",\n    \"type\": \"%2\"\n}\n")
-        .arg(QLatin1String(id), QLatin1String(type))
-        .toStdString();
-}
-
-std::string originalReader(const QString& name, bool connected)
-{
-    return QStringLiteral("{\n    \"error\": null,\n    \"event\": \"%1\",\n    \"name\": \"%2\",\n"
-                          "    \"type\": \"READER\"\n}\n")
-        .arg(connected ? QStringLiteral("CONNECTED") : QStringLiteral("DISCONNECTED"), name)
-        .toStdString();
-}
-
-const std::string originalVersion = "{\n    \"error\": null,\n    \"type\": \"VERSION\",\n    \"version\": \"0.25\"\n}\n";
 
 // Protocol 2 messages in short: "TAG <reader> <tag_id> new|repeat uid=<uid> seq=<n>",
 // "REMOVED <reader> <tag_id> seq=<n>", "READER CONNECTED <name>", "VERSION".
@@ -56,15 +40,6 @@ std::string summary(const QString& text)
 class Protocol2EndToEnd : public ServiceFixture
 {
 protected:
-    void startService(int readers)
-    {
-        startPcscd();
-        ASSERT_TRUE(service.start());
-        ASSERT_TRUE(waitUntil([&] { return service.countInLog(QStringLiteral("Reader connected:")) >= readers; },
-                              eventTimeoutMs))
-            << service.appLog().toStdString();
-    }
-
     std::unique_ptr<TestWsClient> connectClient(bool version2)
     {
         auto client = std::make_unique<TestWsClient>();
@@ -90,7 +65,8 @@ protected:
 
 TEST_F(Protocol2EndToEnd, BothProtocolsThroughATapItsReReportALateClientALiftAndTheLossOfPcscd)
 {
-    startService(2);
+    startPcscd();
+    startServiceWithReaders();
     const QString first = pcscd.readerName(0);
     const QString second = pcscd.readerName(1);
     const std::string r0 = first.toStdString();
@@ -98,18 +74,18 @@ TEST_F(Protocol2EndToEnd, BothProtocolsThroughATapItsReReportALateClientALiftAnd
 
     auto original = connectClient(false);
     auto version2 = connectClient(true);
-    EXPECT_EQ(next(*original), originalReader(first, true));
-    EXPECT_EQ(next(*original), originalReader(second, true));
-    EXPECT_EQ(next(*original), originalVersion);
+    EXPECT_EQ(next(*original), OriginalTexts::reader(first, true));
+    EXPECT_EQ(next(*original), OriginalTexts::reader(second, true));
+    EXPECT_EQ(next(*original), OriginalTexts::version);
     EXPECT_EQ(next2(*version2), "READER CONNECTED " + r0);
     EXPECT_EQ(next2(*version2), "READER CONNECTED " + r1);
     EXPECT_EQ(next2(*version2), "VERSION");
 
     auto tag = layOn(0, ServiceFixture::tag("4cdda15f"));
-    EXPECT_EQ(next(*original), originalCard("TAG", "4cdda15f"));
+    EXPECT_EQ(next(*original), OriginalTexts::card("TAG", "4cdda15f"));
     EXPECT_EQ(next2(*version2), "TAG " + r0 + " 4cdda15f new uid=4cdda15f seq=1");
     // Still lying there at the next refresh of the reader list.
-    EXPECT_EQ(next(*original), originalCard("TAG", "4cdda15f"));
+    EXPECT_EQ(next(*original), OriginalTexts::card("TAG", "4cdda15f"));
     EXPECT_EQ(next2(*version2), "TAG " + r0 + " 4cdda15f repeat uid=4cdda15f seq=2");
 
     auto late = connectClient(true);
@@ -123,13 +99,13 @@ TEST_F(Protocol2EndToEnd, BothProtocolsThroughATapItsReReportALateClientALiftAnd
         EXPECT_EQ(next2(*each), "REMOVED " + r0 + " 4cdda15f seq=3");
     // The original client's next message is the next card: it got nothing for the lift.
     auto acos = layOn(1, CardPersonality::acosCard(*parseHex("0102030405060708")));
-    EXPECT_EQ(next(*original), originalCard("SC", "0102030405060708"));
+    EXPECT_EQ(next(*original), OriginalTexts::card("SC", "0102030405060708"));
     EXPECT_EQ(next2(*version2), "SC " + r1 + " 0102030405060708 new seq=4");
 
     // A reader that goes with a card on it: the card left first.
     pcscd.kill();
-    EXPECT_EQ(next(*original), originalReader(first, false));
-    EXPECT_EQ(next(*original), originalReader(second, false));
+    EXPECT_EQ(next(*original), OriginalTexts::reader(first, false));
+    EXPECT_EQ(next(*original), OriginalTexts::reader(second, false));
     EXPECT_EQ(next2(*version2), "READER DISCONNECTED " + r0);
     EXPECT_EQ(next2(*version2), "REMOVED " + r1 + " 0102030405060708 seq=5");
     EXPECT_EQ(next2(*version2), "READER DISCONNECTED " + r1);
@@ -141,20 +117,21 @@ TEST_F(Protocol2EndToEnd, IgnoredReadersAliasesIdFormatAndRepeatWindowHoldAcross
                            {"readers/alias.1", "*reader 00 ?? => Entrance"},
                            {"tagidformat", "decimal"},
                            {"repeatwindow", 60000}});
-    startService(1);
+    startPcscd();
+    startServiceWithReaders(1);
     EXPECT_TRUE(service.waitForLog(QStringLiteral("Reader ignored:")));
 
     auto original = connectClient(false);
     auto version2 = connectClient(true);
-    EXPECT_EQ(next(*original), originalReader("Entrance", true));
-    EXPECT_EQ(next(*original), originalVersion);
+    EXPECT_EQ(next(*original), OriginalTexts::reader("Entrance", true));
+    EXPECT_EQ(next(*original), OriginalTexts::version);
     EXPECT_EQ(next2(*version2), "READER CONNECTED Entrance");
     EXPECT_EQ(next2(*version2), "VERSION");
 
     // The ignored reader's card is never read: the first message is the other reader's card.
     auto ignored = layOn(1, ServiceFixture::tag("0badcafe"));
     auto tag = layOn(0, ServiceFixture::tag("4cdda15f"));
-    EXPECT_EQ(next(*original), originalCard("TAG", "1289593183"));
+    EXPECT_EQ(next(*original), OriginalTexts::card("TAG", "1289593183"));
     EXPECT_EQ(next2(*version2), "TAG Entrance 1289593183 new uid=4cdda15f seq=1");
 
     // Laid again within the repeat window: neither the tap nor its lift is told.
@@ -165,19 +142,19 @@ TEST_F(Protocol2EndToEnd, IgnoredReadersAliasesIdFormatAndRepeatWindowHoldAcross
                           eventTimeoutMs));
     tag->takeAway();
     auto other = layOn(0, ServiceFixture::tag("01020304"));
-    EXPECT_EQ(next(*original), originalCard("TAG", "16909060"));
+    EXPECT_EQ(next(*original), OriginalTexts::card("TAG", "16909060"));
     EXPECT_EQ(next2(*version2), "TAG Entrance 16909060 new uid=01020304 seq=3");
 
     pcscd.kill();
-    EXPECT_EQ(next(*original), originalReader("Entrance", false));
+    EXPECT_EQ(next(*original), OriginalTexts::reader("Entrance", false));
     EXPECT_EQ(next2(*version2), "REMOVED Entrance 16909060 seq=4");
     EXPECT_EQ(next2(*version2), "READER DISCONNECTED Entrance");
     ASSERT_TRUE(pcscd.restart()) << pcscd.lastError().toStdString();
-    EXPECT_EQ(next(*original), originalReader("Entrance", true));
+    EXPECT_EQ(next(*original), OriginalTexts::reader("Entrance", true));
     EXPECT_EQ(next2(*version2), "READER CONNECTED Entrance");
     // Nothing of the ignored reader came in between: the next message is the card.
     other = layOn(0, ServiceFixture::tag("01020305"));
-    EXPECT_EQ(next(*original), originalCard("TAG", "16909061"));
+    EXPECT_EQ(next(*original), OriginalTexts::card("TAG", "16909061"));
     EXPECT_EQ(next2(*version2), "TAG Entrance 16909061 new uid=01020305 seq=5");
     EXPECT_EQ(service.countInLog(QStringLiteral("0badcafe")), 0);
 }

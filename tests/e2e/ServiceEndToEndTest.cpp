@@ -1,5 +1,6 @@
 // The built service as a black box on a private PC/SC stack: a pcscd with the virtual reader
 // pair, virtual cards, and real TLS WebSocket clients.
+#include "OriginalTexts.h"
 #include "ServiceFixture.h"
 #include "TestWsClient.h"
 
@@ -19,19 +20,15 @@ constexpr int eventTimeoutMs = 45000;
 
 std::string cardText(const char* type, const QString& id)
 {
-    return QStringLiteral("{\n    \"error\": null,\n    \"tag_id\": \"%1\",\n    \"type\": \"%2\"\n}\n")
-        .arg(id, QLatin1String(type)).toStdString();
+    return OriginalTexts::card(type, id);
 }
 
 std::string readerText(const QString& name, bool connected)
 {
-    return QStringLiteral("{\n    \"error\": null,\n    \"event\": \"%1\",\n    \"name\": \"%2\",\n"
-                          "    \"type\": \"READER\"\n}\n")
-        .arg(connected ? QStringLiteral("CONNECTED") : QStringLiteral("DISCONNECTED"), name)
-        .toStdString();
+    return OriginalTexts::reader(name, connected);
 }
 
-const std::string versionText = "{\n    \"error\": null,\n    \"type\": \"VERSION\",\n    \"version\": \"0.25\"\n}\n";
+const std::string& versionText = OriginalTexts::version;
 
 std::string next(TestWsClient& client, int timeoutMs = eventTimeoutMs)
 {
@@ -47,15 +44,6 @@ int countEntries(const QString& path)
 class ServiceEndToEnd : public ServiceFixture
 {
 protected:
-    // Starts the service and waits until both virtual readers have been listed.
-    void startServiceWithReaders()
-    {
-        ASSERT_TRUE(service.start());
-        ASSERT_TRUE(waitUntil([&] { return service.countInLog(QStringLiteral("Reader connected:")) >= 2; },
-                              eventTimeoutMs))
-            << service.appLog().toStdString();
-    }
-
     std::unique_ptr<TestWsClient> connectClient()
     {
         auto client = std::make_unique<TestWsClient>();

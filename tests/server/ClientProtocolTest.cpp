@@ -4,17 +4,6 @@
 
 namespace {
 
-QStringList receive(TestWsClient& client, int count)
-{
-    QStringList received;
-    while (received.size() < count)
-        if (const auto message = client.nextMessage())
-            received << *message;
-        else
-            break;
-    return received;
-}
-
 class ProtocolServer : public RunningServer
 {
 protected:

@@ -25,6 +25,18 @@ bool waitUntil(Condition condition)
     return QTest::qWaitFor(condition, 30000);
 }
 
+// The next `count` messages, fewer if they stop coming.
+inline QStringList receive(TestWsClient& client, int count)
+{
+    QStringList received;
+    while (received.size() < count)
+        if (const auto message = client.nextMessage())
+            received << *message;
+        else
+            break;
+    return received;
+}
+
 inline bool logged(const QString& text, int times = 1)
 {
     return waitUntil([&] { return LogCapture::instance().count(text) == times; });

@@ -4,18 +4,6 @@
 
 namespace {
 
-// The next `count` messages, fewer if they stop coming.
-QStringList receive(TestWsClient& client, int count)
-{
-    QStringList received;
-    while (received.size() < count)
-        if (const auto message = client.nextMessage())
-            received << *message;
-        else
-            break;
-    return received;
-}
-
 class GreetingServer : public RunningServer
 {
 protected:

@@ -29,6 +29,16 @@ protected:
         service.setEnvironment(QStringLiteral("PCSCLITE_CSOCK_NAME"), pcscd.socketPath());
     }
 
+    // Starts the service and waits until it has listed `readers` readers; a refresh of the
+    // list comes every 15 s, and a loaded two-core machine needs room on top.
+    void startServiceWithReaders(int readers = 2)
+    {
+        ASSERT_TRUE(service.start());
+        ASSERT_TRUE(waitUntil([&] { return service.countInLog(QStringLiteral("Reader connected:")) >= readers; },
+                              45000))
+            << service.appLog().toStdString();
+    }
+
     std::unique_ptr<VirtualCards::VirtualCard> layOn(int reader, VirtualCards::CardPersonality personality)
     {
         auto card = std::make_unique<VirtualCards::VirtualCard>(std::move(personality));
