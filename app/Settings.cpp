@@ -3,8 +3,15 @@
 #include "Log.h"
 
 #include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
 #include <QMap>
+#include <QSaveFile>
 #include <QSettings>
+#include <QSet>
+
+#include <cctype>
 
 namespace {
 
@@ -20,6 +27,7 @@ const char* const readersGroup = "readers";
 const char* const ignoreKey = "ignore";
 const QLatin1String aliasKeyPrefix("alias.");
 
+const QString defaultLogPath = QStringLiteral("/var/log/tiv-rfid-svc/");
 const int defaultPort = 8036;
 const int defaultLogLevel = 1;
 
@@ -42,6 +50,112 @@ QStringList commaSeparated(const QVariant& stored)
     }
     return items;
 }
+
+// A value as QSettings writes it to an INI file, so that it reads it back unchanged.
+QByteArray iniValue(const QString& value)
+{
+    QByteArray text = value.startsWith(QLatin1Char('@')) ? QByteArrayLiteral("@") : QByteArray();
+    bool needsQuotes = false;
+    bool escapeNextIfHexDigit = false;
+    for (const QChar c : value) {
+        const ushort ch = c.unicode();
+        needsQuotes = needsQuotes || ch == ';' || ch == ',' || ch == '=';
+        // "\xe9" followed by "1" would read as one escape, "\xe91".
+        if (escapeNextIfHexDigit && std::isxdigit(ch < 0x80 ? ch : 0)) {
+            text += "\\x" + QByteArray::number(ch, 16);
+            continue;
+        }
+        escapeNextIfHexDigit = ch <= 0x1f || ch >= 0x7f;
+        if (escapeNextIfHexDigit)
+            text += "\\x" + QByteArray::number(ch, 16);
+        else if (ch == '"' || ch == '\\')
+            text += '\\' + QByteArray(1, static_cast<char>(ch));
+        else
+            text += static_cast<char>(ch);
+    }
+    if (needsQuotes || text.startsWith(' ') || text.endsWith(' '))
+        return '"' + text + '"';
+    return text;
+}
+
+// The settings file as an administrator left it, with only the [service] keys that are missing
+// added: rewriting it whole through QSettings dropped comments and normalised values.
+class SettingsFileKeys
+{
+public:
+    // False when the file is there but cannot be read.
+    bool read(const QString& fileName)
+    {
+        QFile file(fileName);
+        if (file.exists() && !file.open(QIODevice::ReadOnly))
+            return false;
+        text = file.isOpen() ? file.readAll() : QByteArray();
+        eol = text.contains("\r\n") ? QByteArrayLiteral("\r\n") : QByteArrayLiteral("\n");
+        QByteArray section;
+        for (int pos = 0; pos < text.size();) {
+            const int end = text.indexOf('\n', pos);
+            const int next = end < 0 ? text.size() : end + 1;
+            const QByteArray line = text.mid(pos, next - pos).trimmed();
+            pos = next;
+            if (line.startsWith('[')) {
+                const int close = line.indexOf(']');
+                section = line.mid(1, close < 0 ? -1 : close - 1).trimmed();
+                if (section == "service")
+                    insertAt = next;
+                continue;
+            }
+            const int equals = line.indexOf('=');
+            if (line.startsWith(';') || equals < 0)
+                continue;
+            const QByteArray key = line.left(equals).trimmed();
+            if (section == "service") {
+                present.insert(key);
+                insertAt = next;
+            } else if ((section.isEmpty() || section.compare("general", Qt::CaseInsensitive) == 0)
+                       && key.startsWith("service/")) {
+                present.insert(key.mid(8));
+            }
+        }
+        return true;
+    }
+
+    void addIfMissing(const QByteArray& key, const QString& value)
+    {
+        if (present.contains(key))
+            return;
+        present.insert(key);
+        added += key + '=' + iniValue(value) + eol;
+    }
+
+    // Leaves a file that has every key untouched; writes through a new file and a rename.
+    bool write(const QString& fileName) const
+    {
+        if (added.isEmpty())
+            return true;
+        QByteArray updated = text;
+        if (insertAt < 0) {
+            if (!updated.isEmpty() && !updated.endsWith('\n'))
+                updated += eol;
+            if (!updated.isEmpty() && !updated.endsWith(eol + eol))
+                updated += eol;
+            updated += "[service]" + eol + added;
+        } else {
+            const bool lineEnded = insertAt == 0 || updated.at(insertAt - 1) == '\n';
+            updated.insert(insertAt, lineEnded ? added : eol + added);
+        }
+        QDir().mkpath(QFileInfo(fileName).absolutePath());
+        QSaveFile file(fileName);
+        return file.open(QIODevice::WriteOnly) && file.write(updated) == updated.size() && file.commit();
+    }
+
+private:
+    QByteArray text;
+    QByteArray eol;
+    QSet<QByteArray> present;
+    // Just past the last key (or the header) of the last [service] section; -1 when there is none.
+    int insertAt = -1;
+    QByteArray added;
+};
 
 } // namespace
 
@@ -73,7 +187,7 @@ void Settings::LoadSettings()
     port = readPort(store->value(portKey));
     certFile = store->value(certFileKey, QStringLiteral("localhost.pem")).toString();
     keyFile = store->value(keyFileKey, QStringLiteral("localhost.key")).toString();
-    logPath = store->value(logPathKey, QStringLiteral("/var/log/tiv-rfid-svc/")).toString();
+    logPath = readLogPath(store->value(logPathKey));
     logLevel = readLogLevel(store->value(logLevelKey));
 
     // INI files hand an unquoted comma-separated value over as a list already; a quoted one
@@ -88,15 +202,36 @@ void Settings::SaveSettings()
 {
     // The log level and the allowed origins are left out on purpose: they are an
     // administrator's settings, present in the file only when someone put them there.
-    QScopedPointer<QSettings> store(openStore());
-    store->setValue(portKey, static_cast<int>(port));
-    store->setValue(certFileKey, certFile);
-    store->setValue(keyFileKey, keyFile);
-    store->setValue(logPathKey, logPath);
-    store->sync();
-    if (store->status() != QSettings::NoError)
-        TLOG_ERROR() << "Could not save the settings to" << store->fileName()
-                     << (store->status() == QSettings::AccessError ? "(not writable)." : "(format error).");
+    const QString fileName = QScopedPointer<QSettings>(openStore())->fileName();
+    SettingsFileKeys file;
+    if (!file.read(fileName)) {
+        TLOG_ERROR() << "Could not save the settings to" << fileName << "(not writable).";
+        return;
+    }
+    file.addIfMissing("certfile", certFile);
+    file.addIfMissing("keyfile", keyFile);
+    file.addIfMissing("logpath", logPath);
+    file.addIfMissing("port", QString::number(port));
+    if (!file.write(fileName))
+        TLOG_ERROR() << "Could not save the settings to" << fileName << "(not writable).";
+}
+
+QString Settings::readLogPath(const QVariant& stored)
+{
+    if (!stored.isValid())
+        return defaultLogPath;
+    const QString path = stored.toString();
+    // An empty path would put the logs into "/" once the separator is added.
+    if (path.isEmpty()) {
+        loadWarnings << QStringLiteral("Setting %1 is empty; using \"%2\".").arg(QLatin1String(logPathKey), defaultLogPath);
+        return defaultLogPath;
+    }
+    if (!path.endsWith(QLatin1Char('/'))) {
+        loadWarnings << QStringLiteral("Setting %1 \"%2\" does not end with \"/\"; using \"%2/\".")
+                            .arg(QLatin1String(logPathKey), path);
+        return path + QLatin1Char('/');
+    }
+    return path;
 }
 
 unsigned short Settings::readPort(const QVariant& stored)

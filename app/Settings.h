@@ -9,7 +9,8 @@
 
 class QSettings;
 
-// Process-wide configuration: read once at start-up, written back when the service stops.
+// Process-wide configuration: read once at start-up; at stop the keys missing from the file are
+// added to it.
 class Settings
 {
 public:
@@ -21,7 +22,7 @@ public:
     // Values that make no sense are replaced by their defaults, each with a warning kept in
     // GetLoadWarnings(): the settings are read before the log exists.
     void LoadSettings();
-    // A save that fails is logged.
+    // Adds the missing service keys with the values in use; a save that fails is logged.
     void SaveSettings();
 
     const unsigned short& GetPort() const { return port; }
@@ -48,6 +49,7 @@ public:
 
 private:
     unsigned short readPort(const QVariant& stored);
+    QString readLogPath(const QVariant& stored);
     int readLogLevel(const QVariant& stored);
     TagIdFormat readTagIdFormat(const QVariant& stored);
     int readRepeatWindow(const QVariant& stored);

@@ -8,6 +8,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 namespace {
 
 class SettingsTest : public ::testing::Test
@@ -32,6 +34,20 @@ protected:
         file.setValue(key, value);
     }
 
+    void writeFile(const QByteArray& text)
+    {
+        QDir().mkpath(configDir.path() + "/TIV");
+        QFile file(settingsFile());
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(text);
+    }
+
+    QByteArray fileText() const
+    {
+        QFile file(settingsFile());
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    }
+
     QTemporaryDir configDir;
     Settings settings;
 };
@@ -42,10 +58,8 @@ TEST_F(SettingsTest, DefaultsAreSavedAsFourKeysAndStoredValuesAreReadWithLevelAn
     EXPECT_FALSE(QFile::exists(settingsFile())) << "loading must never write";
     EXPECT_TRUE(settings.GetAllowedOrigins().isEmpty());
     settings.SaveSettings();
-    QSettings saved(settingsFile(), QSettings::IniFormat);
-    EXPECT_EQ(saved.allKeys().join(' ').toStdString(), "service/certfile service/keyfile service/logpath service/port");
-    EXPECT_EQ(saved.value("service/port").toInt(), 8036);
-    EXPECT_EQ(saved.value("service/logpath").toString(), QStringLiteral("/var/log/tiv-rfid-svc/"));
+    EXPECT_EQ(fileText().toStdString(), "[service]\ncertfile=localhost.pem\nkeyfile=localhost.key\n"
+                                        "logpath=/var/log/tiv-rfid-svc/\nport=8036\n");
 
     store("service/port", 9443);
     store("service/certfile", "/etc/tiv/cert.pem");
@@ -65,7 +79,7 @@ TEST_F(SettingsTest, DefaultsAreSavedAsFourKeysAndStoredValuesAreReadWithLevelAn
     EXPECT_EQ(resaved.value("service/allowedorigins").toStringList(), origins);
 }
 
-TEST_F(SettingsTest, NonsenseGetsOneWarningAndTheDefaultWhichIsWhatIsSavedBack)
+TEST_F(SettingsTest, NonsenseGetsOneWarningAndTheDefault)
 {
     const struct
     {
@@ -96,10 +110,69 @@ TEST_F(SettingsTest, NonsenseGetsOneWarningAndTheDefaultWhichIsWhatIsSavedBack)
         EXPECT_EQ(settings.GetLoadWarnings().filter("service/loglevel").size(), expected == stored.toInt() ? 0 : 1);
     }
 
-    store("service/port", "8O36");
+    // The log file name is appended to the directory.
+    store("service/port", 443);
+    store("service/loglevel", 1);
+    store("service/logpath", "/srv/tiv/log");
+    settings.LoadSettings();
+    EXPECT_EQ(settings.GetLogPath().toStdString(), "/srv/tiv/log/");
+    EXPECT_EQ(settings.GetLoadWarnings().join('|').toStdString(),
+              "Setting service/logpath \"/srv/tiv/log\" does not end with \"/\"; using \"/srv/tiv/log/\".");
+    store("service/logpath", "");
+    settings.LoadSettings();
+    EXPECT_EQ(settings.GetLogPath().toStdString(), "/var/log/tiv-rfid-svc/");
+    EXPECT_EQ(settings.GetLoadWarnings().filter("service/logpath").size(), 1);
+}
+
+ino_t inodeOf(const QString& path)
+{
+    struct stat file{};
+    return ::stat(QFile::encodeName(path).constData(), &file) == 0 ? file.st_ino : 0;
+}
+
+TEST_F(SettingsTest, SaveLeavesWhatAnAdministratorWroteAndAddsOnlyTheMissingServiceKeys)
+{
+    const QByteArray complete = "; kiosk settings, edited by hand\n"
+                                "[service]\n"
+                                "port = 80366 ; wraps\n"
+                                "certfile=/etc/tiv/cert.pem\n"
+                                "# not a comment to QSettings, a key\n"
+                                "keyfile=/etc/tiv/key.pem\n"
+                                "logpath=/srv/tiv/log\n"
+                                "colour=blue\n\n"
+                                "[readers]\nalias.1 = Virtual PCD 00 * => Entrance\n";
+    writeFile(complete);
+    const ino_t before = inodeOf(settingsFile());
     settings.LoadSettings();
     settings.SaveSettings();
-    EXPECT_EQ(QSettings(settingsFile(), QSettings::IniFormat).value("service/port").toString().toStdString(), "8036");
+    EXPECT_EQ(fileText().toStdString(), complete.toStdString());
+    EXPECT_EQ(inodeOf(settingsFile()), before) << "a file with every key is not written at all";
+
+    // Added after the last key of [service], before the next section's comment.
+    writeFile("[service]\r\n; the port\r\nport=9443\r\nlogpath=/srv/tiv/\r\n"
+              "; readers\r\n[readers]\r\nignore=*SAM*\r\n");
+    settings.LoadSettings();
+    settings.SaveSettings();
+    EXPECT_EQ(fileText().toStdString(), "[service]\r\n; the port\r\nport=9443\r\nlogpath=/srv/tiv/\r\n"
+                                        "certfile=localhost.pem\r\nkeyfile=localhost.key\r\n"
+                                        "; readers\r\n[readers]\r\nignore=*SAM*\r\n");
+
+    // Keys are case-sensitive: [Service] and Port are not what the service reads.
+    writeFile("[Service]\nPort=1\n[readers]\nignore=*SAM*");
+    settings.LoadSettings();
+    settings.SaveSettings();
+    EXPECT_EQ(fileText().toStdString(), "[Service]\nPort=1\n[readers]\nignore=*SAM*\n\n[service]\n"
+                                        "certfile=localhost.pem\nkeyfile=localhost.key\n"
+                                        "logpath=/var/log/tiv-rfid-svc/\nport=8036\n");
+
+    // Whatever a path holds, QSettings reads back the value in use.
+    const QString awkward = QString::fromUtf8("@ /etc/tiv/k\u00e9b 1,\"2\";3=\\4\t ");
+    writeFile("[service]\nport=9443\n");
+    settings.LoadSettings();
+    settings.SetKeyFile(awkward);
+    settings.SaveSettings();
+    EXPECT_EQ(QSettings(settingsFile(), QSettings::IniFormat).value("service/keyfile").toString(), awkward)
+        << fileText().toStdString();
 }
 
 TEST_F(SettingsTest, CardSettingsAndReaderRulesAreReadAsAnAdministratorWritesThem)
