@@ -55,29 +55,42 @@ int main(int argc, char* argv[])
     QCoreApplication::setApplicationVersion(QStringLiteral(TIV_VERSION));
     QSettings::setDefaultFormat(QSettings::IniFormat);
 
-    Settings::Instance()->LoadSettings();
-
-    const QString logPath = Settings::Instance()->GetLogPath();
-    QDir logDir(logPath);
-    if (!logDir.exists())
-        logDir.mkpath(QStringLiteral("."));
-
-    Log::Logger& logger = Log::Logger::instance();
-    logger.setLoggingLevel(static_cast<Log::Level>(Settings::Instance()->GetLogLevel()));
-
-    // The path is a plain concatenation: the stored directory is expected to end with "/".
-    Log::DestinationPtr fileDestination = Log::DestinationFactory::MakeFileDestination(
-        logPath + QStringLiteral("app.log"), Log::LogRotationEnabled, Log::MaxSizeBytes(65536),
-        Log::MaxOldLogCount(5));
-    Log::DestinationPtr debugDestination = Log::DestinationFactory::MakeDebugOutputDestination();
-    logger.addDestination(debugDestination);
-    logger.addDestination(fileDestination);
-
-    TLOG_INFO() << "Application version:" << QCoreApplication::applicationVersion();
-
     int status = 0;
     {
         QCoreApplication app(argc, argv);
+
+        // Before any file is touched: --help and --version run as root must not leave a log
+        // behind that the service user cannot write.
+        QCommandLineParser parser;
+        parser.setApplicationDescription(QStringLiteral("Tiv RFID WebSocket Service"));
+        parser.addHelpOption();
+        parser.addVersionOption();
+        QCommandLineOption daemonOption(QStringLiteral("daemon"), QStringLiteral("Run as a daemon."));
+        parser.addOption(daemonOption);
+        parser.process(app);
+
+        // A reader of standard error that goes away (a pipe into tee) must not end the service.
+        signal(SIGPIPE, SIG_IGN);
+
+        Settings::Instance()->LoadSettings();
+
+        const QString logPath = Settings::Instance()->GetLogPath();
+        QDir logDir(logPath);
+        if (!logDir.exists())
+            logDir.mkpath(QStringLiteral("."));
+
+        Log::Logger& logger = Log::Logger::instance();
+        logger.setLoggingLevel(static_cast<Log::Level>(Settings::Instance()->GetLogLevel()));
+
+        // Settings hands the directory over with its trailing "/".
+        Log::DestinationPtr fileDestination = Log::DestinationFactory::MakeFileDestination(
+            logPath + QStringLiteral("app.log"), Log::LogRotationEnabled, Log::MaxSizeBytes(65536),
+            Log::MaxOldLogCount(5));
+        Log::DestinationPtr debugDestination = Log::DestinationFactory::MakeDebugOutputDestination();
+        logger.addDestination(debugDestination);
+        logger.addDestination(fileDestination);
+
+        TLOG_INFO() << "Application version:" << QCoreApplication::applicationVersion();
 
         WebSocketServiceCommon service;
         SignalForwarder signalForwarder;
@@ -89,14 +102,6 @@ int main(int argc, char* argv[])
         signal(SIGINT, sig_handler);
         signal(SIGTERM, sig_handler);
         signal(SIGHUP, sig_handler);
-
-        QCommandLineParser parser;
-        parser.setApplicationDescription(QStringLiteral("Tiv RFID WebSocket Service"));
-        parser.addHelpOption();
-        parser.addVersionOption();
-        QCommandLineOption daemonOption(QStringLiteral("daemon"), QStringLiteral("Run as a daemon."));
-        parser.addOption(daemonOption);
-        parser.process(app);
 
         TLOG_INFO() << "Tiv RFID WebSocket Service starting.";
         for (const QString& warning : Settings::Instance()->GetLoadWarnings())

@@ -9,13 +9,20 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
+#include <string>
+#include <vector>
 
 #include <csignal>
+#include <fcntl.h>
+#include <spawn.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+extern char** environ;
 
 namespace {
 
@@ -78,6 +85,85 @@ TEST_F(ServiceProcessTest, StartFailuresEndTheServiceWithStatusZero)
     ASSERT_TRUE(noCertificate.waitForExit());
     EXPECT_EQ(noCertificate.exitCode(), 0);
     EXPECT_TRUE(noCertificate.appLog().contains(QStringLiteral("Unable to load certificate or key.")));
+}
+
+TEST_F(ServiceProcessTest, HelpAndVersionTouchNoFile)
+{
+    const QString freshLogDir = service.dir() + QStringLiteral("/fresh-log/");
+    service.writeSettings({{QStringLiteral("logpath"), freshLogDir}});
+    const QByteArray settingsBefore = [&] {
+        QFile file(service.settingsFile());
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    }();
+    for (const char* option : {"--version", "--help"}) {
+        SCOPED_TRACE(option);
+        ASSERT_TRUE(service.start({QString::fromLatin1(option)}));
+        ASSERT_TRUE(service.waitForExit());
+        EXPECT_EQ(service.exitCode(), 0);
+        EXPECT_FALSE(QFileInfo::exists(freshLogDir));
+        EXPECT_TRUE(QDir(service.logDir()).isEmpty());
+        QFile file(service.settingsFile());
+        ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+        EXPECT_EQ(file.readAll(), settingsBefore);
+    }
+}
+
+TEST_F(ServiceProcessTest, AStopLeavesAnAdministratorsSettingsFileAsItWas)
+{
+    const QVariantMap written = service.readSettings();
+    const QByteArray text = "; this kiosk's reader service\n[service]\nport = " + QByteArray::number(port)
+                            + "   ; the kiosk page connects here\ncertfile=" + written["service/certfile"].toByteArray()
+                            + "\nkeyfile=" + written["service/keyfile"].toByteArray() + "\nlogpath="
+                            + service.logDir().toUtf8() + "\n";
+    {
+        QFile file(service.settingsFile());
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        file.write(text);
+    }
+    ASSERT_TRUE(service.start());
+    ASSERT_TRUE(service.waitForLog(QStringLiteral("No PCSC running, starting monitor thread.")));
+    service.sendSignal(SIGTERM);
+    ASSERT_TRUE(service.waitForExit());
+    EXPECT_EQ(service.exitCode(), 0);
+    QFile file(service.settingsFile());
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    EXPECT_EQ(file.readAll().toStdString(), text.toStdString());
+}
+
+TEST_F(ServiceProcessTest, AClosedStandardErrorDoesNotEndTheService)
+{
+    // Started by hand: its standard error is a pipe nobody reads from, as when `tee` has gone.
+    int pipeEnds[2];
+    ASSERT_EQ(::pipe2(pipeEnds, O_CLOEXEC), 0);
+    ::close(pipeEnds[0]);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, pipeEnds[1], STDERR_FILENO);
+    QByteArrayList variables{"XDG_CONFIG_DIRS=" + service.dir().toUtf8() + "/xdg",
+                             "PCSCLITE_CSOCK_NAME=" + service.dir().toUtf8() + "/no-pcscd.comm"};
+    std::vector<char*> environment;
+    for (QByteArray& variable : variables)
+        environment.push_back(variable.data());
+    for (char** entry = environ; *entry; ++entry) {
+        if (std::strncmp(*entry, "XDG_CONFIG_DIRS=", 16) != 0 && std::strncmp(*entry, "PCSCLITE_CSOCK_NAME=", 20) != 0)
+            environment.push_back(*entry);
+    }
+    environment.push_back(nullptr);
+    char binary[] = TIV_SERVICE_BINARY;
+    char* arguments[] = {binary, nullptr};
+    pid_t pid = 0;
+    const int spawned = ::posix_spawn(&pid, binary, &actions, nullptr, arguments, environment.data());
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(pipeEnds[1]);
+    ASSERT_EQ(spawned, 0);
+
+    const bool serving = service.waitForLog(QStringLiteral("No PCSC running, starting monitor thread."));
+    ::kill(pid, SIGTERM);
+    int status = -1;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(serving) << service.appLog().toStdString();
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
+        << (WIFSIGNALED(status) ? "killed by signal " + std::to_string(WTERMSIG(status)) : std::string());
 }
 
 pid_t processWithEnvironment(const QByteArray& entry)
