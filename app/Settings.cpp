@@ -196,6 +196,13 @@ void Settings::LoadSettings()
     tagIdFormat = readTagIdFormat(store->value(tagIdFormatKey));
     repeatWindow = readRepeatWindow(store->value(repeatWindowKey));
     readerRules = readReaderRules(*store);
+
+    // Read only, never saved: card identifiers in the log are an administrator's explicit choice.
+    const QString logCardIdsText = store->value("service/logcardids", QStringLiteral("false")).toString();
+    logCardIds = logCardIdsText == QLatin1String("true");
+    if (!logCardIds && logCardIdsText != QLatin1String("false"))
+        loadWarnings << QStringLiteral("Setting service/logcardids \"%1\" is not true or false; using false.")
+                            .arg(logCardIdsText);
 }
 
 void Settings::SaveSettings()

@@ -36,6 +36,8 @@ public:
     // Milliseconds; 0 reports every tap.
     int GetRepeatWindow() const { return repeatWindow; }
     const ReaderRules& GetReaderRules() const { return readerRules; }
+    // Whole message texts, card identifiers included, in the debug log.
+    bool GetLogCardIds() const { return logCardIds; }
 
     void SetPort(const unsigned short& value) { port = value; }
     void SetCertFile(const QString& value) { certFile = value; }
@@ -65,4 +67,5 @@ private:
     TagIdFormat tagIdFormat;
     int repeatWindow = 0;
     ReaderRules readerRules;
+    bool logCardIds = false;
 };

@@ -39,6 +39,7 @@ bool WebSocketServiceCommon::start()
     serverThread = std::make_unique<ServerThread>(settings->GetPort(), certFile, keyFile, settings->GetLogPath(),
                                                   nullptr);
     serverThread->setAllowedOrigins(settings->GetAllowedOrigins());
+    serverThread->setLogCardIds(settings->GetLogCardIds());
     publisher = std::make_unique<CardEventPublisher>(
         CardEventPublisher::Options{settings->GetTagIdFormat(), settings->GetReaderRules(),
                                     std::chrono::milliseconds(settings->GetRepeatWindow())},

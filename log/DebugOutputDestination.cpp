@@ -4,9 +4,14 @@
 
 namespace Log {
 
-void DebugOutputDestination::write(const QString& message, Level)
+DebugOutputDestination::DebugOutputDestination()
 {
-    DebugOutput::output(message);
+    DebugOutput::takeOverQtMessages();
+}
+
+void DebugOutputDestination::write(const QString& message, Level level)
+{
+    DebugOutput::output(message, level);
 }
 
 bool DebugOutputDestination::isValid()

@@ -4,10 +4,12 @@
 
 namespace Log {
 
-// Every line to standard error, flushed at once.
+// Every line to standard error as DebugOutput writes it. Qt's own messages go the same way
+// from the moment one exists, so that nothing else writes to standard error and waits.
 class DebugOutputDestination : public Destination
 {
 public:
+    DebugOutputDestination();
     void write(const QString& message, Level level) override;
     bool isValid() override;
 };

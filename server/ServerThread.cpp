@@ -3,6 +3,9 @@
 #include "Log.h"
 #include "WebsocketServer.h"
 
+#include <QJsonDocument>
+#include <QJsonObject>
+
 #include <openssl/crypto.h>
 
 #include <exception>
@@ -17,6 +20,7 @@ namespace {
 
 // Clients only listen; what they send is recorded, but a flood must not flood the log too.
 const int loggedMessageLength = 200;
+const int loggedMessagesPerSecond = 5;
 
 } // namespace
 
@@ -54,6 +58,17 @@ void ServerThread::setAllowedOrigins(const QStringList& origins)
     allowedOrigins = origins;
 }
 
+void ServerThread::setLogCardIds(bool enabled)
+{
+    if (isRunning()) {
+        TLOG_WARN() << "ServerThread: logcardids must be set before the server starts; ignored.";
+        return;
+    }
+    logCardIds = enabled;
+    if (enabled)
+        TLOG_WARN() << "Card IDs are being logged (logcardids=true).";
+}
+
 bool ServerThread::waitForInit()
 {
     std::unique_lock<std::mutex> lock(mutex);
@@ -74,8 +89,10 @@ void ServerThread::serve()
 {
     WebsocketServer::Callbacks callbacks;
     callbacks.opened = [this](const ConnectionContext& context) { clientConnected(context); };
-    callbacks.closed = [this](int removed) { clientDisconnected(removed); };
-    callbacks.messageReceived = [this](const std::string& payload) { messageReceived(payload); };
+    callbacks.closed = [this](websocketpp::connection_hdl hdl, int removed) { clientDisconnected(hdl, removed); };
+    callbacks.messageReceived = [this](websocketpp::connection_hdl hdl, const std::string& payload) {
+        messageReceived(hdl, payload);
+    };
 
     std::unique_ptr<WebsocketServer> created;
     try {
@@ -121,21 +138,53 @@ void ServerThread::stopServer()
         serving->post([serving] { serving->stop(); });
 }
 
+// The texts come from the project's own builders; only these fields are ever shown.
+QString ServerThread::describe(const QString& message) const
+{
+    if (logCardIds) {
+        // Quoted as QDebug quotes: one line in the log, whatever the text holds.
+        QString quoted;
+        QDebug(&quoted).nospace() << message;
+        return quoted;
+    }
+    const QByteArray text = message.toUtf8();
+    const QJsonObject fields = QJsonDocument::fromJson(text).object();
+    const QString type = fields.value(QLatin1String("type")).toString();
+    QString description = type.isEmpty() ? QStringLiteral("text") : type;
+    QString reader = fields.value(QLatin1String("reader")).toString();
+    if (reader.isEmpty() && type == QLatin1String("READER"))
+        reader = fields.value(QLatin1String("name")).toString();
+    if (!reader.isEmpty())
+        description += QStringLiteral(" from \"%1\"").arg(reader);
+    return description + QStringLiteral(", %1 bytes").arg(text.size());
+}
+
+QString ServerThread::describe(const QStringList& messages) const
+{
+    QStringList described;
+    for (const QString& message : messages)
+        described << describe(message);
+    return described.join(QLatin1String("; "));
+}
+
 void ServerThread::sendToAll(const QString& message)
 {
-    TLOG_DEBUG() << "ServerThread::sendToAll:" << message;
+    TLOG_DEBUG().noquote() << "ServerThread::sendToAll:" << describe(message);
     queue([message](WebsocketServer& serving) { serving.sendToAll(message); });
 }
 
 void ServerThread::sendToAll(const ProtocolTexts& texts)
 {
-    TLOG_DEBUG() << "ServerThread::sendToAll:" << (texts.original.isEmpty() ? texts.version2 : texts.original);
+    // Version 2 names the reader.
+    TLOG_DEBUG().noquote() << "ServerThread::sendToAll:"
+                           << describe(texts.version2.isEmpty() ? texts.original : texts.version2);
     queue([texts](WebsocketServer& serving) { serving.sendToAll(texts); });
 }
 
 void ServerThread::admitClient(ConnectionContext context, const QStringList& greeting)
 {
-    TLOG_DEBUG() << "ServerThread::admitClient:" << greeting.size() << "greeting message(s)";
+    TLOG_DEBUG().noquote() << "ServerThread::admitClient:" << greeting.size() << "greeting message(s):"
+                           << describe(greeting);
     queue([context, greeting](WebsocketServer& serving) { serving.admit(context, greeting); });
 }
 
@@ -145,21 +194,40 @@ void ServerThread::clientConnected(const ConnectionContext& context)
     emit onClientConnected(context);
 }
 
-void ServerThread::clientDisconnected(int removed)
+void ServerThread::clientDisconnected(websocketpp::connection_hdl hdl, int removed)
 {
-    TLOG_DEBUG() << "ServerThread::clientDisconnected";
+    messageLogBudgets.erase(hdl);
     TLOG_DEBUG() << "ServerThread::clientDisconnected: removed" << removed << "client(s).";
 }
 
-void ServerThread::messageReceived(const std::string& payload)
+void ServerThread::messageReceived(websocketpp::connection_hdl hdl, const std::string& payload)
 {
+    if (Log::Logger::instance().loggingLevel() > Log::LevelDebug)
+        return;
+    MessageLogBudget& budget = messageLogBudgets[hdl];
+    const auto now = std::chrono::steady_clock::now();
+    if (now - budget.since >= std::chrono::seconds(1)) {
+        budget.since = now;
+        budget.logged = 0;
+    }
+    if (budget.logged == loggedMessagesPerSecond) {
+        ++budget.skipped;
+        return;
+    }
+    ++budget.logged;
+
     // Like any C string handed over, the text ends at its first zero byte.
     const QString text = QString::fromUtf8(payload.c_str());
-    if (text.size() <= loggedMessageLength) {
-        TLOG_DEBUG() << "ServerThread::messageReceived:" << text;
-    } else {
-        const QByteArray size = "(" + QByteArray::number(qulonglong(payload.size())) + " bytes in all)";
-        TLOG_DEBUG() << "ServerThread::messageReceived:" << text.left(loggedMessageLength)
-                     << size.constData();
+    QByteArray notes;
+    if (text.size() > loggedMessageLength)
+        notes = "(" + QByteArray::number(qulonglong(payload.size())) + " bytes in all)";
+    if (budget.skipped > 0) {
+        notes += (notes.isEmpty() ? "(" : " (") + QByteArray::number(budget.skipped)
+                 + " more message(s) from this client not logged)";
+        budget.skipped = 0;
     }
+    if (notes.isEmpty())
+        TLOG_DEBUG() << "ServerThread::messageReceived:" << text;
+    else
+        TLOG_DEBUG() << "ServerThread::messageReceived:" << text.left(loggedMessageLength) << notes.constData();
 }

@@ -7,7 +7,9 @@
 #include <QStringList>
 #include <QThread>
 
+#include <chrono>
 #include <condition_variable>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -31,6 +33,9 @@ public:
     // Web pages that may connect, by origin; others are refused with HTTP 403. Empty (the
     // default) lets every origin in. Takes effect only when called before start().
     void setAllowedOrigins(const QStringList& origins);
+    // Debug lines of what is sent name each message's type, reader and size; with this set
+    // they hold the whole texts, card identifiers and all. Only before start(), like the origins.
+    void setLogCardIds(bool enabled);
 
     // Blocks until run() has tried to create the endpoint; true when it is listening.
     bool waitForInit();
@@ -61,8 +66,10 @@ private:
     void queue(Work&& work);
 
     void clientConnected(const ConnectionContext& context);
-    void clientDisconnected(int removed);
-    void messageReceived(const std::string& payload);
+    void clientDisconnected(websocketpp::connection_hdl hdl, int removed);
+    void messageReceived(websocketpp::connection_hdl hdl, const std::string& payload);
+    QString describe(const QString& message) const;
+    QString describe(const QStringList& messages) const;
 
     // Standard primitives rather than QMutex: the thread sanitizer cannot see through Qt's
     // futex-based locks, and would report every hand-over between the threads.
@@ -77,4 +84,15 @@ private:
     QString keyFile;
     QString logPath;
     QStringList allowedOrigins;
+    bool logCardIds = false;
+
+    // Server thread only: how much of each client's messages the log has taken this second.
+    struct MessageLogBudget
+    {
+        std::chrono::steady_clock::time_point since;
+        int logged = 0;
+        int skipped = 0;
+    };
+    std::map<websocketpp::connection_hdl, MessageLogBudget, std::owner_less<websocketpp::connection_hdl>>
+        messageLogBudgets;
 };

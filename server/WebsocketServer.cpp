@@ -236,13 +236,13 @@ void WebsocketServer::closeHandler(websocketpp::connection_hdl hdl)
     }
     const int removed = admitted.remove(hdl);
     if (callbacks.closed)
-        callbacks.closed(removed);
+        callbacks.closed(hdl, removed);
 }
 
-void WebsocketServer::messageHandler(websocketpp::connection_hdl, message_ptr msg)
+void WebsocketServer::messageHandler(websocketpp::connection_hdl hdl, message_ptr msg)
 {
     if (callbacks.messageReceived)
-        callbacks.messageReceived(msg->get_payload());
+        callbacks.messageReceived(hdl, msg->get_payload());
 }
 
 bool WebsocketServer::pingHandler(websocketpp::connection_hdl hdl, const std::string& payload)

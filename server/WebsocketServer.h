@@ -32,8 +32,8 @@ public:
     {
         std::function<void(const ConnectionContext&)> opened;
         // How many admitted clients the close removed (0 for one never admitted).
-        std::function<void(int removed)> closed;
-        std::function<void(const std::string& payload)> messageReceived;
+        std::function<void(websocketpp::connection_hdl, int removed)> closed;
+        std::function<void(websocketpp::connection_hdl, const std::string& payload)> messageReceived;
     };
 
     // Binds and listens; throws std::exception when that fails (e.g. the port is taken).
