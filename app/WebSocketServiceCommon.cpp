@@ -7,6 +7,7 @@
 #include "PcscService.h"
 #include "ServerThread.h"
 #include "SmartCardController.h"
+#include "TlsCredentials.h"
 
 #include "Log.h"
 
@@ -31,8 +32,16 @@ bool WebSocketServiceCommon::start()
     TLOG_DEBUG() << "Certfile:" << certFile;
     TLOG_DEBUG() << "Keyfile:" << keyFile;
 
-    if (!QFile::exists(certFile) || !QFile::exists(keyFile)) {
-        TLOG_ERROR() << "Unable to load certificate or key.";
+    const QString missing = !QFile::exists(certFile) ? certFile : !QFile::exists(keyFile) ? keyFile : QString();
+    if (!missing.isEmpty()) {
+        TLOG_ERROR().noquote() << QStringLiteral("Unable to load certificate or key. \"%1\" does not exist.").arg(missing);
+        return false;
+    }
+    // Parsed once here as every handshake will, so that a pair that could never serve stops the
+    // start instead of failing each client.
+    const QString tlsProblem = TlsCredentials::check(certFile, keyFile);
+    if (!tlsProblem.isEmpty()) {
+        TLOG_ERROR().noquote() << tlsProblem;
         return false;
     }
 

@@ -2,12 +2,18 @@
 
 #include "Log.h"
 
+#include <QFile>
 #include <QStringList>
 
+#include <openssl/crypto.h>
 #include <openssl/err.h>
+#include <openssl/pem.h>
 #include <openssl/ssl.h>
 
+#include <cerrno>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -20,6 +26,91 @@ QString takeOpenSslErrors()
         reasons << QString::fromLatin1(text);
     }
     return reasons.join(QStringLiteral("; "));
+}
+
+// A service has nobody to type a passphrase, and OpenSSL's default would ask the terminal.
+int refusePassphrase(char*, int, int, void* asked)
+{
+    if (asked)
+        *static_cast<bool*>(asked) = true;
+    return 0;
+}
+
+// Read here rather than by OpenSSL, so that the reason is the system's (a directory, say).
+bool readFile(const QString& path, QByteArray& contents, QString& problem)
+{
+    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC);
+    int error = fd < 0 ? errno : 0;
+    char chunk[4096];
+    while (fd >= 0) {
+        const ssize_t count = ::read(fd, chunk, sizeof chunk);
+        if (count > 0)
+            contents.append(chunk, int(count));
+        else if (count == 0 || errno != EINTR) {
+            error = count < 0 ? errno : 0;
+            break;
+        }
+    }
+    OPENSSL_cleanse(chunk, sizeof chunk);
+    if (fd >= 0)
+        ::close(fd);
+    if (error != 0)
+        problem = QStringLiteral("it cannot be read (%1)").arg(qt_error_string(error));
+    return error == 0;
+}
+
+struct BioFree
+{
+    void operator()(BIO* bio) const { BIO_free(bio); }
+};
+using BioPtr = std::unique_ptr<BIO, BioFree>;
+
+bool useCertificateChain(SSL_CTX* ctx, const QByteArray& pem, QString& problem)
+{
+    BioPtr bio(BIO_new_mem_buf(pem.constData(), pem.size()));
+    std::unique_ptr<X509, void (*)(X509*)> leaf(
+        bio ? PEM_read_bio_X509_AUX(bio.get(), nullptr, refusePassphrase, nullptr) : nullptr, X509_free);
+    if (!leaf) {
+        problem = QStringLiteral("it is not a PEM certificate");
+        return false;
+    }
+    if (SSL_CTX_use_certificate(ctx, leaf.get()) != 1) {
+        problem = QStringLiteral("it is refused (%1)").arg(takeOpenSslErrors());
+        return false;
+    }
+    while (X509* issuer = PEM_read_bio_X509(bio.get(), nullptr, refusePassphrase, nullptr)) {
+        if (SSL_CTX_add0_chain_cert(ctx, issuer) != 1) {
+            X509_free(issuer);
+            problem = QStringLiteral("its chain is refused (%1)").arg(takeOpenSslErrors());
+            return false;
+        }
+    }
+    // The end of the file reads as a missing start line; anything else is a broken certificate.
+    const unsigned long last = ERR_peek_last_error();
+    if (ERR_GET_LIB(last) == ERR_LIB_PEM && ERR_GET_REASON(last) == PEM_R_NO_START_LINE) {
+        ERR_clear_error();
+        return true;
+    }
+    problem = QStringLiteral("a certificate after the first is broken (%1)").arg(takeOpenSslErrors());
+    return false;
+}
+
+bool usePrivateKey(SSL_CTX* ctx, const QByteArray& pem, const QString& certFile, QString& problem)
+{
+    BioPtr bio(BIO_new_mem_buf(pem.constData(), pem.size()));
+    bool asked = false;
+    std::unique_ptr<EVP_PKEY, void (*)(EVP_PKEY*)> key(
+        bio ? PEM_read_bio_PrivateKey(bio.get(), nullptr, refusePassphrase, &asked) : nullptr, EVP_PKEY_free);
+    if (!key) {
+        problem = asked ? QStringLiteral("it needs a passphrase") : QStringLiteral("it is not a PEM private key");
+        return false;
+    }
+    // Either call fails for the key of another certificate, depending on its type.
+    if (SSL_CTX_use_PrivateKey(ctx, key.get()) != 1 || SSL_CTX_check_private_key(ctx) != 1) {
+        problem = QStringLiteral("it does not match the certificate \"%1\"").arg(certFile);
+        return false;
+    }
+    return true;
 }
 
 bool operator==(const timespec& a, const timespec& b)
@@ -45,6 +136,7 @@ TlsCredentials::TlsCredentials(const QString& certFile, const QString& keyFile)
     // The library creates each connection's TLS state before its client arrives; credentials
     // put on at the start of the handshake are the ones on disk at that moment.
     SSL_CTX_set_cert_cb(native, &TlsCredentials::onHandshake, this);
+    SSL_CTX_set_default_passwd_cb(native, refusePassphrase);
 }
 
 TlsCredentials::~TlsCredentials() = default;
@@ -105,11 +197,11 @@ bool TlsCredentials::applyTo(SSL* ssl)
         ERR_clear_error();
         if (SSL_use_cert_and_key(ssl, cert, key, chain, 1) == 1)
             return true;
-        loadError = takeOpenSslErrors();
+        loadError = QStringLiteral("Unable to use the certificate \"%1\" with the private key \"%2\": %3.")
+                        .arg(certFile, keyFile, takeOpenSslErrors());
     }
     // Only this client's handshake fails; the endpoint keeps serving the others.
-    TLOG_ERROR() << "Could not load certificate" << certFile << "or key" << keyFile << ":"
-                 << loadError.toUtf8().constData();
+    TLOG_ERROR().noquote() << loadError << "A connection was refused.";
     return false;
 }
 
@@ -125,16 +217,39 @@ void TlsCredentials::reloadIfChanged()
     loaded.reset();
     loadError.clear();
 
-    std::unique_ptr<SSL_CTX, void (*)(SSL_CTX*)> candidate(SSL_CTX_new(TLS_server_method()),
-                                                           SSL_CTX_free);
-    const QByteArray certPath = certFile.toUtf8();
-    const QByteArray keyPath = keyFile.toUtf8();
-    ERR_clear_error();
-    if (candidate && SSL_CTX_use_certificate_chain_file(candidate.get(), certPath.constData()) == 1
-        && SSL_CTX_use_PrivateKey_file(candidate.get(), keyPath.constData(), SSL_FILETYPE_PEM) == 1
-        && SSL_CTX_check_private_key(candidate.get()) == 1) {
-        loaded = std::move(candidate);
-        return;
+    loaded = load(certFile, keyFile, loadError);
+}
+
+QString TlsCredentials::check(const QString& certFile, const QString& keyFile)
+{
+    QString problem;
+    load(certFile, keyFile, problem);
+    return problem;
+}
+
+TlsCredentials::LoadedPair TlsCredentials::load(const QString& certFile, const QString& keyFile, QString& problem)
+{
+    LoadedPair pair(SSL_CTX_new(TLS_server_method()), SSL_CTX_free);
+    if (!pair) {
+        problem = QStringLiteral("Unable to load the certificate \"%1\": %2.").arg(certFile, takeOpenSslErrors());
+        return pair;
     }
-    loadError = takeOpenSslErrors();
+    SSL_CTX_set_default_passwd_cb(pair.get(), refusePassphrase);
+    ERR_clear_error();
+    QString reason;
+    QByteArray cert;
+    if (!readFile(certFile, cert, reason) || !useCertificateChain(pair.get(), cert, reason)) {
+        problem = QStringLiteral("Unable to load the certificate \"%1\": %2.").arg(certFile, reason);
+        ERR_clear_error();
+        return LoadedPair(nullptr, SSL_CTX_free);
+    }
+    QByteArray key;
+    const bool keyUsable = readFile(keyFile, key, reason) && usePrivateKey(pair.get(), key, certFile, reason);
+    OPENSSL_cleanse(key.data(), size_t(key.size()));
+    ERR_clear_error();
+    if (!keyUsable) {
+        problem = QStringLiteral("Unable to load the private key \"%1\": %2.").arg(keyFile, reason);
+        return LoadedPair(nullptr, SSL_CTX_free);
+    }
+    return pair;
 }

@@ -26,6 +26,10 @@ public:
 
     const ContextPtr& context() const { return shared; }
 
+    // Parses the pair exactly as a handshake would. Empty when it is usable; otherwise one
+    // sentence that names the file and what is wrong with it.
+    static QString check(const QString& certFile, const QString& keyFile);
+
     // The service's TLS settings, bar the credentials: for its own context, and for any that
     // stands in for it.
     static void applyServerSettings(SSL_CTX* context);
@@ -42,6 +46,8 @@ private:
         bool operator==(const FileStamp& other) const;
     };
 
+    using LoadedPair = std::unique_ptr<SSL_CTX, void (*)(SSL_CTX*)>;
+    static LoadedPair load(const QString& certFile, const QString& keyFile, QString& problem);
     static FileStamp stampOf(const QString& path);
     // OpenSSL's certificate callback, run on the server thread as each handshake starts.
     static int onHandshake(SSL* ssl, void* self);
@@ -53,7 +59,7 @@ private:
     ContextPtr shared;
     // The parsed pair (held in a context of its own, only as their container), or why it could
     // not be parsed; it matches the stamps below.
-    std::unique_ptr<SSL_CTX, void (*)(SSL_CTX*)> loaded{nullptr, SSL_CTX_free};
+    LoadedPair loaded{nullptr, SSL_CTX_free};
     QString loadError;
     FileStamp certStamp;
     FileStamp keyStamp;

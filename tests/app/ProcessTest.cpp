@@ -210,4 +210,37 @@ TEST_F(ServiceProcessTest, DaemonDetachesServesAndKeepsItsFilesPrivate)
     }
 }
 
+TEST_F(ServiceProcessTest, AKeyThatCannotServeEndsTheStartWithOneLineNamingIt)
+{
+    const QString encrypted = service.dir() + QStringLiteral("/encrypted.key");
+    ASSERT_EQ(QProcess::execute(QStringLiteral("openssl"),
+                                {QStringLiteral("pkey"), QStringLiteral("-in"), certificate.keyFile(), QStringLiteral("-aes256"),
+                                 QStringLiteral("-passout"), QStringLiteral("pass:secret"), QStringLiteral("-out"), encrypted}),
+              0);
+    const QString garbage = service.dir() + QStringLiteral("/garbage.key");
+    QFile garbageFile(garbage);
+    ASSERT_TRUE(garbageFile.open(QIODevice::WriteOnly) && garbageFile.write("not a key\n") > 0);
+    garbageFile.close();
+    const TestCertificate other;
+
+    const std::pair<QString, QString> keys[] = {{encrypted, QStringLiteral("it needs a passphrase")},
+                                                {garbage, QStringLiteral("it is not a PEM private key")},
+                                                {other.keyFile(), QStringLiteral("it does not match the certificate")},
+                                                {service.dir(), QStringLiteral("it cannot be read (")}};
+    for (const auto& [key, reason] : keys) {
+        ServiceProcess refused;
+        refused.serveOn(TestSupport::findFreePorts(), certificate);
+        refused.writeSettings({{QStringLiteral("keyfile"), key}});
+        ASSERT_TRUE(refused.start());
+        // A passphrase prompt would wait on stdin here.
+        ASSERT_TRUE(refused.waitForExit()) << key.toStdString();
+        EXPECT_EQ(refused.exitCode(), 0);
+        const QString log = refused.appLog();
+        EXPECT_EQ(refused.countInLog(QStringLiteral("Unable to load")), 1) << log.toStdString();
+        EXPECT_TRUE(log.contains(QStringLiteral("Unable to load the private key \"%1\": %2").arg(key, reason)))
+            << log.toStdString();
+        EXPECT_FALSE(log.contains(QStringLiteral("Initializing card handling"))) << "the server never started";
+    }
+}
+
 } // namespace

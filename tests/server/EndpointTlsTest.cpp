@@ -1,7 +1,10 @@
 #include "RunningServer.h"
+#include "TlsCredentials.h"
 
 #include <QFile>
 #include <QProcess>
+
+#include <tuple>
 
 TEST_F(RunningServer, CertificateAndKeyAreReadAtEveryHandshake)
 {
@@ -21,16 +24,22 @@ TEST_F(RunningServer, CertificateAndKeyAreReadAtEveryHandshake)
         return QFile::copy(certSource, cert.certFile()) &&
                (keySource.isEmpty() || QFile::copy(keySource, cert.keyFile()));
     };
-    // A corrupt certificate, a missing key, and the key of another certificate each fail only
-    // the handshake that meets them.
-    const std::pair<QString, QString> broken[] = {
-        {corrupt, renewed.keyFile()}, {renewed.certFile(), {}}, {renewed.certFile(), stranger.keyFile()}};
+    const QString encrypted = logDir.filePath("encrypted.pem");
+    ASSERT_EQ(QProcess::execute("openssl", {"pkey", "-in", renewed.keyFile(), "-aes128", "-passout", "pass:x",
+                                            "-out", encrypted}),
+              0);
+    // A corrupt certificate, a missing key, the key of another certificate, and a key that needs
+    // a passphrase (never asked for) each fail only the handshake that meets them.
+    const std::pair<QString, QString> broken[] = {{corrupt, renewed.keyFile()},
+                                                  {renewed.certFile(), {}},
+                                                  {renewed.certFile(), stranger.keyFile()},
+                                                  {renewed.certFile(), encrypted}};
     for (const auto& [certSource, keySource] : broken) {
         ASSERT_TRUE(install(certSource, keySource));
         TestWsClient refused;
         EXPECT_FALSE(refused.connect(port)) << certSource.toStdString() << " " << keySource.toStdString();
     }
-    EXPECT_EQ(LogCapture::instance().count("Could not load certificate"), 3);
+    EXPECT_EQ(LogCapture::instance().count("A connection was refused."), 4);
 
     // A renewed pair is used by the very next connection, and the earlier client was not disturbed.
     ASSERT_TRUE(install(renewed.certFile(), renewed.keyFile()));
@@ -41,6 +50,53 @@ TEST_F(RunningServer, CertificateAndKeyAreReadAtEveryHandshake)
     thread->sendToAll("still serving");
     for (TestWsClient* client : {&first, &second})
         EXPECT_EQ(client->nextMessage(), QStringLiteral("still serving"));
+}
+
+TEST(TlsCredentialsCheck, NamesTheFileAndWhatIsWrongWithIt)
+{
+    const TestCertificate pair, other;
+    const QTemporaryDir dir;
+    const QString encrypted = dir.filePath("encrypted.pem");
+    ASSERT_EQ(QProcess::execute("openssl", {"pkey", "-in", pair.keyFile(), "-aes256", "-passout", "pass:x",
+                                            "-out", encrypted}),
+              0);
+    const auto contents = [](const QString& path) {
+        QFile file(path);
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    };
+    const auto written = [&dir](const QString& name, const QByteArray& data) {
+        QFile file(dir.filePath(name));
+        return file.open(QIODevice::WriteOnly) && file.write(data) == data.size() ? file.fileName() : QString();
+    };
+    const QString garbage = written("garbage.pem", "garbage\n");
+    const QString missing = dir.filePath("missing.pem");
+
+    EXPECT_EQ(TlsCredentials::check(pair.certFile(), pair.keyFile()), QString());
+    const QString cert = QStringLiteral("Unable to load the certificate \"%1\": ");
+    const QString key = QStringLiteral("Unable to load the private key \"%1\": ");
+    const std::tuple<QString, QString, QString> cases[] = {
+        {missing, pair.keyFile(), cert.arg(missing) + "it cannot be read (No such file or directory)."},
+        {garbage, pair.keyFile(), cert.arg(garbage) + "it is not a PEM certificate."},
+        {pair.keyFile(), pair.keyFile(), cert.arg(pair.keyFile()) + "it is not a PEM certificate."},
+        {pair.certFile(), dir.path(), key.arg(dir.path()) + "it cannot be read (Is a directory)."},
+        {pair.certFile(), garbage, key.arg(garbage) + "it is not a PEM private key."},
+        {pair.certFile(), pair.certFile(), key.arg(pair.certFile()) + "it is not a PEM private key."},
+        {pair.certFile(), encrypted, key.arg(encrypted) + "it needs a passphrase."},
+        {pair.certFile(), other.keyFile(),
+         key.arg(other.keyFile()) + QStringLiteral("it does not match the certificate \"%1\".").arg(pair.certFile())},
+    };
+    for (const auto& [certFile, keyFile, expected] : cases)
+        EXPECT_EQ(TlsCredentials::check(certFile, keyFile), expected);
+
+    // One file may hold the certificate, its chain and the key; a broken chain certificate counts.
+    const QString combined = written("combined.pem", contents(pair.certFile()) + contents(other.certFile()) +
+                                                         contents(pair.keyFile()));
+    EXPECT_EQ(TlsCredentials::check(combined, combined), QString());
+    const QString brokenChain =
+        written("broken-chain.pem", contents(pair.certFile()) + "-----BEGIN CERTIFICATE-----\nbroken\n"
+                                                                "-----END CERTIFICATE-----\n");
+    EXPECT_TRUE(TlsCredentials::check(brokenChain, pair.keyFile())
+                    .startsWith(cert.arg(brokenChain) + "a certificate after the first is broken ("));
 }
 
 TEST_F(RunningServer, OnlyTls12WithEcdheAndAeadSuitesIsOfferedForEcdsaAndRsaCertificates)
