@@ -98,8 +98,8 @@ systemctl stop "$unit"
 owner() { stat -c "$1" "$2" 2>/dev/null; }
 check "app.log is written by the service user" test -s /var/log/tiv-rfid-svc/app.log -a \
   "$(owner %U /var/log/tiv-rfid-svc/app.log)" = tiv-rfid-svc
-# Written back at stop through a new file, which the service user then owns.
-check "the settings are written back by the service user" test "$(owner %U "$settings")" = tiv-rfid-svc
+# The package hands the settings to the service user, which adds any missing key at stop.
+check "the settings belong to the service user" test "$(owner %U "$settings")" = tiv-rfid-svc
 check "the key is root's, for the service's group" \
   test "$(owner %U:%G /etc/tiv-rfid-svc/localhost.key)" = root:tiv-rfid-svc
 echo quit >&3
