@@ -38,7 +38,7 @@ void CardEventPublisher::readerDisconnected(const QString& pcscName)
         return;
     removeCard(*reader);
     const QString text = ReaderCommand::build(reader->displayName, false);
-    readers.erase(readers.begin() + (reader - readers.data()));
+    readers.removeAt(static_cast<int>(reader - readers.constData()));
     broadcast({text, text});
 }
 
@@ -115,7 +115,7 @@ void CardEventPublisher::greet(ClientProtocol protocol, const Admit& admit)
     if (protocol == ClientProtocol::Version2) {
         for (const Reader& reader : qAsConst(readers)) {
             if (reader.card && reader.card->reported)
-                greeting << cardTexts(reader, *reader.card, true).version2;
+                greeting << version2Text(reader, *reader.card, true);
         }
     }
     greeting << VersionCommand::build(version);
@@ -137,10 +137,17 @@ QString CardEventPublisher::tagIdOf(const Card& card) const
     return card.kind == Kind::Tag ? options.idFormat.render(card.id) : TagIdFormat::hex(card.id);
 }
 
-ProtocolTexts CardEventPublisher::cardTexts(const Reader& reader, const Card& card, bool repeat) const
+QString CardEventPublisher::version2Text(const Reader& reader, const Card& card, bool repeat) const
 {
     const CardReport report{reader.displayName, repeat, card.seq};
     if (card.kind == Kind::SmartCard)
-        return {SCCommand::build(tagIdOf(card)), SCCommand::buildVersion2(tagIdOf(card), report)};
-    return {TagCommand::build(tagIdOf(card)), TagCommand::buildVersion2(tagIdOf(card), TagIdFormat::hex(card.id), report)};
+        return SCCommand::buildVersion2(tagIdOf(card), report);
+    return TagCommand::buildVersion2(tagIdOf(card), TagIdFormat::hex(card.id), report);
+}
+
+ProtocolTexts CardEventPublisher::cardTexts(const Reader& reader, const Card& card, bool repeat) const
+{
+    const QString original =
+        card.kind == Kind::SmartCard ? SCCommand::build(tagIdOf(card)) : TagCommand::build(tagIdOf(card));
+    return {original, version2Text(reader, card, repeat)};
 }

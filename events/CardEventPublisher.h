@@ -82,6 +82,7 @@ private:
     Reader* find(const QString& pcscName);
 
     QString tagIdOf(const Card& card) const;
+    QString version2Text(const Reader& reader, const Card& card, bool repeat) const;
     ProtocolTexts cardTexts(const Reader& reader, const Card& card, bool repeat) const;
 
     const Options options;
