@@ -4,6 +4,7 @@
 #include "Settings.h"
 
 #include "CardEventPublisher.h"
+#include "ServiceHealth.h"
 #include "PcscService.h"
 #include "ServerThread.h"
 #include "SmartCardController.h"
@@ -15,7 +16,10 @@
 #include <QDebug>
 #include <QFile>
 
-WebSocketServiceCommon::WebSocketServiceCommon(QObject* parent) : QObject(parent) {}
+WebSocketServiceCommon::WebSocketServiceCommon(QObject* parent)
+    : QObject(parent), healthState(std::make_unique<ServiceHealth>(QCoreApplication::applicationVersion()))
+{
+}
 
 // Members go in reverse order: the monitor and the card thread end before the server thread
 // their handlers send to. Nothing is saved: a service that never served has nothing to keep.
@@ -76,9 +80,11 @@ void WebSocketServiceCommon::startCardHandling()
     auto controller = std::make_unique<SmartCardController>();
     if (!controller->initialize()) {
         TLOG_WARN() << "No PCSC running, starting monitor thread.";
+        healthState->setPcscUp(false);
         startMonitor();
         return;
     }
+    healthState->setPcscUp(true);
 
     const ReaderRules rules = Settings::Instance()->GetReaderRules();
     controller->setIgnoredReaders([rules](const QString& reader) { return rules.ignores(reader); });
@@ -87,15 +93,36 @@ void WebSocketServiceCommon::startCardHandling()
     using Card = SmartCardController;
     Card* events = controller.get();
     CardEventPublisher* told = publisher.get();
-    connect(events, &Card::onRFID, events, [told](QString reader, QByteArray uid) { told->tagRead(reader, uid); },
+    ServiceHealth* health = healthState.get();
+    connect(events, &Card::onRFID, events,
+            [told, health](QString reader, QByteArray uid) {
+                told->tagRead(reader, uid);
+                health->cardEvent();
+            },
             Qt::DirectConnection);
-    connect(events, &Card::onSC, events, [told](QString reader, QByteArray id) { told->smartCardRead(reader, id); },
+    connect(events, &Card::onSC, events,
+            [told, health](QString reader, QByteArray id) {
+                told->smartCardRead(reader, id);
+                health->cardEvent();
+            },
             Qt::DirectConnection);
-    connect(events, &Card::cardRemoved, events, [told](QString reader) { told->cardRemoved(reader); },
+    connect(events, &Card::cardRemoved, events,
+            [told, health](QString reader) {
+                told->cardRemoved(reader);
+                health->cardEvent();
+            },
             Qt::DirectConnection);
-    connect(events, &Card::onReaderConnect, events, [told](QString reader) { told->readerConnected(reader); },
+    connect(events, &Card::onReaderConnect, events,
+            [told, health, rules](QString reader) {
+                told->readerConnected(reader);
+                health->readerConnected(rules.displayName(reader));
+            },
             Qt::DirectConnection);
-    connect(events, &Card::onReaderDisconnect, events, [told](QString reader) { told->readerDisconnected(reader); },
+    connect(events, &Card::onReaderDisconnect, events,
+            [told, health, rules](QString reader) {
+                told->readerDisconnected(reader);
+                health->readerDisconnected(rules.displayName(reader));
+            },
             Qt::DirectConnection);
     connect(events, &Card::serviceLost, this, &WebSocketServiceCommon::cardServiceLost, Qt::QueuedConnection);
 
@@ -110,6 +137,7 @@ void WebSocketServiceCommon::cardServiceLost()
     if (stopped || !card)
         return;
     endCardHandling();
+    healthState->setPcscUp(false);
     startMonitor();
 }
 

@@ -8,6 +8,7 @@
 
 class CardEventPublisher;
 class PCSCMonitor;
+class ServiceHealth;
 class ServerThread;
 class SmartCardController;
 
@@ -22,7 +23,8 @@ class SmartCardController;
 // - card: the card loop's signals, handed straight to the publisher, which hands each text
 //   to the server thread;
 // - server: the greeting of each client as its WebSocket opens, built by the publisher.
-// The publisher is the one thing the card and server threads share; it guards itself.
+// The publisher and the health record are what the card and server threads share; each
+// guards itself.
 class WebSocketServiceCommon : public QObject
 {
     Q_OBJECT
@@ -37,6 +39,9 @@ public:
     // Ends every thread and saves the settings. Only the first call does anything.
     void stop();
 
+    // Kept current from the moment of construction; lives as long as the service.
+    ServiceHealth& health() const { return *healthState; }
+
 private:
     void startCardHandling();
     void endCardHandling();
@@ -44,7 +49,8 @@ private:
     void cardServiceLost();
     void pcscAvailable();
 
-    // Declared first so they go last: the server thread may greet a client until it ends, and
+    std::unique_ptr<ServiceHealth> healthState;
+    // Declared first but one so they go last: the server thread may greet a client until it ends, and
     // its endpoint and the connections it still holds are then released rather than abandoned.
     std::unique_ptr<CardEventPublisher> publisher;
     std::unique_ptr<ServerThread> serverThread;
