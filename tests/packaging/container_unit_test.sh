@@ -80,6 +80,9 @@ cleanup() {
 
 build_deb
 trap cleanup EXIT
+# A container left running would outlive the test: an interrupted run powers it off too.
+trap 'exit 130' INT
+trap 'exit 143' TERM
 start_demo "$demo"
 # Shares this machine's network (the client and the blocker reach the service on 127.0.0.1) and,
 # through a bind, the demo's pcscd socket.
