@@ -8,13 +8,16 @@
 #                                     installed into the system)
 #   scripts/install-deps.sh --tests   that, plus the rest of the test stack: Chromium with its
 #                                     WebDriver and python3 for the browser tests, mkcert
+#   scripts/install-deps.sh --container   the demo set, plus python3, debootstrap and
+#                                     systemd-nspawn: tests/packaging/container_unit_test.sh
+#                                     boots a Debian 12 container and installs the package in it
 set -euo pipefail
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 
 set_name="${1:-}"
 case "$set_name" in
-  "" | --demo | --tests) ;;
-  *) echo "usage: $0 [--demo | --tests]" >&2; exit 2 ;;
+  "" | --demo | --tests | --container) ;;
+  *) echo "usage: $0 [--demo | --tests | --container]" >&2; exit 2 ;;
 esac
 
 packages=(
@@ -27,6 +30,9 @@ packages=(
 if [ -n "$set_name" ]; then
   # util-linux: unshare, setpriv and flock for the private pcscd.
   packages+=(libgtest-dev util-linux)
+fi
+if [ "$set_name" = --container ]; then
+  packages+=(python3 debootstrap systemd-container)
 fi
 if [ "$set_name" = --tests ]; then
   # mkcert for the test of scripts/trust-certificate.sh, which leaves every trust store alone.

@@ -3,10 +3,8 @@
 # and purge cleanly in a private root (dpkg --root, scripts run without chroot under DPKG_ROOT).
 source "$(dirname "$0")/lib.sh"
 
-cpack -G DEB --config "$build_dir/CPackConfig.cmake" -B "$tmp/cpack" >"$tmp/cpack.log" 2>&1 ||
-  { cat "$tmp/cpack.log"; exit 1; }
+build_deb
 check "cpack builds without warnings" lacks "$tmp/cpack.log" "Warning"
-deb="$(find "$tmp/cpack" -maxdepth 1 -name 'tiv-rfid-svc_*.deb')"
 depends="$(dpkg-deb -f "$deb" Depends)"
 lists() { tr ',' '\n' <<<"$2" | awk '{ print $1 }' | grep -qxF -- "$1"; }
 

@@ -50,4 +50,11 @@ run_version() {
   XDG_CONFIG_DIRS="$xdg" "$binary" --version
 }
 
+# The package, built by cpack into $tmp/cpack (its log: $tmp/cpack.log); sets deb.
+build_deb() {
+  cpack -G DEB --config "$build_dir/CPackConfig.cmake" -B "$tmp/cpack" >"$tmp/cpack.log" 2>&1 ||
+    { cat "$tmp/cpack.log"; exit 1; }
+  deb="$(find "$tmp/cpack" -maxdepth 1 -name 'tiv-rfid-svc_*.deb')"
+}
+
 lacks_any() { ! grep -qE -- "$2" "$1"; }
