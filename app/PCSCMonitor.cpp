@@ -15,6 +15,11 @@ PCSCMonitor::PCSCMonitor(std::function<bool()> probeFunction, Pacing pacing, QOb
 
 PCSCMonitor::~PCSCMonitor() = default;
 
+void PCSCMonitor::setHeartbeat(std::function<void()> beat)
+{
+    heartbeat = std::move(beat);
+}
+
 void PCSCMonitor::process()
 {
     if (!probe)
@@ -26,6 +31,8 @@ void PCSCMonitor::process()
     Backoff retry(pacing.firstRetry, pacing.longestRetry);
 
     while (pause(std::chrono::milliseconds::zero())) {
+        if (heartbeat)
+            heartbeat();
         if (probe()) {
             emit pcscAvailable();
             return;

@@ -27,6 +27,9 @@ public:
     PCSCMonitor(std::function<bool()> probe, Pacing pacing, QObject* parent = nullptr);
     ~PCSCMonitor() override;
 
+    // Called on the monitor's thread before each probe. Set it before process() runs.
+    void setHeartbeat(std::function<void()> beat);
+
 signals:
     void pcscAvailable();
 
@@ -39,6 +42,7 @@ private:
     bool pause(std::chrono::milliseconds duration);
 
     std::function<bool()> probe;
+    std::function<void()> heartbeat;
     Pacing pacing;
     std::mutex mutex;
     std::condition_variable stopRequested;

@@ -71,12 +71,32 @@ bool WebSocketServiceCommon::start()
         return false;
 
     startCardHandling();
+    emit serving();
     return true;
+}
+
+void WebSocketServiceCommon::setCardHeartbeat(std::function<void()> beat, std::chrono::milliseconds every)
+{
+    cardHeartbeat = std::move(beat);
+    cardBeatInterval = every;
+}
+
+bool WebSocketServiceCommon::postToServerThread(std::function<void()> work)
+{
+    return serverThread && serverThread->post(std::move(work));
+}
+
+void WebSocketServiceCommon::cardBeat()
+{
+    if (cardHeartbeat)
+        cardHeartbeat();
 }
 
 void WebSocketServiceCommon::startCardHandling()
 {
     TLOG_INFO() << "Initializing card handling...";
+    // Neither loop runs while they change hands.
+    cardBeat();
     auto controller = std::make_unique<SmartCardController>();
     if (!controller->initialize()) {
         TLOG_WARN() << "No PCSC running, starting monitor thread.";
@@ -85,6 +105,8 @@ void WebSocketServiceCommon::startCardHandling()
         return;
     }
     healthState->setPcscUp(true);
+    if (cardHeartbeat)
+        controller->setHeartbeat(cardHeartbeat, cardBeatInterval);
 
     const ReaderRules rules = Settings::Instance()->GetReaderRules();
     controller->setIgnoredReaders([rules](const QString& reader) { return rules.ignores(reader); });
@@ -138,6 +160,7 @@ void WebSocketServiceCommon::cardServiceLost()
         return;
     endCardHandling();
     healthState->setPcscUp(false);
+    cardBeat();
     startMonitor();
 }
 
@@ -152,6 +175,7 @@ void WebSocketServiceCommon::endCardHandling()
 void WebSocketServiceCommon::startMonitor()
 {
     monitor = std::make_unique<WorkerThread<PCSCMonitor>>(std::make_unique<PCSCMonitor>(&PcscService::isAvailable));
+    monitor->worker().setHeartbeat(cardHeartbeat);
     connect(&monitor->worker(), &PCSCMonitor::pcscAvailable, this, &WebSocketServiceCommon::pcscAvailable,
             Qt::QueuedConnection);
     monitor->start();
@@ -171,6 +195,7 @@ void WebSocketServiceCommon::stop()
     if (stopped)
         return;
     stopped = true;
+    emit stopping();
     if (serverThread) {
         serverThread->stopServer();
         serverThread->wait();

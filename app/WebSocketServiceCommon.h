@@ -4,6 +4,8 @@
 
 #include <QObject>
 
+#include <chrono>
+#include <functional>
 #include <memory>
 
 class CardEventPublisher;
@@ -42,12 +44,26 @@ public:
     // Kept current from the moment of construction; lives as long as the service.
     ServiceHealth& health() const { return *healthState; }
 
+    // Whichever runs of the card loop and the PC/SC monitor calls `beat` at least every `every`
+    // (the card loop caps its waits at that), and main does as card handling changes hands.
+    // Set before start().
+    void setCardHeartbeat(std::function<void()> beat, std::chrono::milliseconds every);
+    // Runs `work` on the server thread; false when no server runs.
+    bool postToServerThread(std::function<void()> work);
+
+signals:
+    // start() is about to return true: the port listens and card handling (or its monitor) runs.
+    void serving();
+    // stop() has begun.
+    void stopping();
+
 private:
     void startCardHandling();
     void endCardHandling();
     void startMonitor();
     void cardServiceLost();
     void pcscAvailable();
+    void cardBeat();
 
     std::unique_ptr<ServiceHealth> healthState;
     // Declared first but one so they go last: the server thread may greet a client until it ends, and
@@ -56,5 +72,7 @@ private:
     std::unique_ptr<ServerThread> serverThread;
     std::unique_ptr<WorkerThread<SmartCardController>> card;
     std::unique_ptr<WorkerThread<PCSCMonitor>> monitor;
+    std::function<void()> cardHeartbeat;
+    std::chrono::milliseconds cardBeatInterval{0};
     bool stopped = false;
 };

@@ -1,4 +1,5 @@
 #include "Daemon.h"
+#include "ServiceSupervisor.h"
 #include "Settings.h"
 #include "SignalForwarder.h"
 #include "WebSocketServiceCommon.h"
@@ -43,6 +44,21 @@ void raiseDescriptorLimit()
                         << std::strerror(errno);
     }
     TLOG_DEBUG() << "Open file limit:" << qulonglong(limit.rlim_cur);
+}
+
+// Under systemd with Type=notify: readiness, the status line and the watchdog. Elsewhere the
+// supervisor is inactive and nothing is connected.
+void superviseUnderSystemd(WebSocketServiceCommon& service, ServiceSupervisor& supervisor)
+{
+    if (!supervisor.isActive())
+        return;
+    QObject::connect(&service, &WebSocketServiceCommon::serving, &supervisor, &ServiceSupervisor::serviceReady);
+    QObject::connect(&service, &WebSocketServiceCommon::stopping, &supervisor, &ServiceSupervisor::serviceStopping);
+    if (supervisor.watchesLiveness()) {
+        service.setCardHeartbeat(supervisor.cardHeartbeat(), supervisor.cardBeatInterval());
+        supervisor.setNetworkPost(
+            [&service](std::function<void()> work) { return service.postToServerThread(std::move(work)); });
+    }
 }
 
 } // namespace
@@ -93,6 +109,9 @@ int main(int argc, char* argv[])
         TLOG_INFO() << "Application version:" << QCoreApplication::applicationVersion();
 
         WebSocketServiceCommon service;
+        // Goes before the service, whose threads have all ended by then.
+        ServiceSupervisor supervisor(SystemdNotifier::fromEnvironment(), service.health());
+        superviseUnderSystemd(service, supervisor);
         SignalForwarder signalForwarder;
         // Runs on the main thread once the signal has been carried into the event loop.
         QObject::connect(&signalForwarder, &SignalForwarder::stopRequested, &app, [&service] {

@@ -68,6 +68,12 @@ void SmartCardController::setIgnoredReaders(std::function<bool(const QString& re
     ignored = std::move(ignoredReaders);
 }
 
+void SmartCardController::setHeartbeat(std::function<void()> beat, std::chrono::milliseconds every)
+{
+    heartbeat = std::move(beat);
+    longestWait = heartbeat && every > 0ms ? std::min(every, refreshInterval) : refreshInterval;
+}
+
 bool SmartCardController::isRunning()
 {
     std::lock_guard<std::mutex> lock(runningMutex);
@@ -82,6 +88,8 @@ void SmartCardController::process()
     // failure that persists is retried ever more slowly, up to once a second.
     Backoff failurePause(firstFailurePause, longestFailurePause, 1);
     while (!PcscService::isServiceLoss(call.result()) && isRunning()) {
+        if (heartbeat)
+            heartbeat();
         call = watchOnce();
         if (!call.failed()) {
             failurePause.reset();
@@ -91,7 +99,7 @@ void SmartCardController::process()
             break;
         reportFailure(call);
         listingDue = true;
-        pause(failurePause.next());
+        pause(std::min(failurePause.next(), longestWait));
     }
 
     const bool lost = PcscService::isServiceLoss(call.result()) && isRunning();
@@ -176,7 +184,7 @@ PcscCall SmartCardController::refreshReaders(Listing listing)
 
 PcscCall SmartCardController::waitForChanges()
 {
-    std::chrono::milliseconds timeout = timeUntil(nextRefresh);
+    std::chrono::milliseconds timeout = std::min(timeUntil(nextRefresh), longestWait);
     if (!states.watchesNotifications())
         timeout = std::min(timeout, waitWithoutNotifications);
     // PC/SC answers a wait for nothing at once.

@@ -48,6 +48,9 @@ public:
     // Readers for which `ignored` holds are left alone: never connected to, never announced,
     // their cards never read. Set it before process() runs; the loop asks it on its thread.
     void setIgnoredReaders(std::function<bool(const QString& reader)> ignored);
+    // `beat` is called on the loop's thread once per round, and no wait lasts longer than
+    // `every`, so a loop that stops beating is stuck. Set it before process() runs.
+    void setHeartbeat(std::function<void()> beat, std::chrono::milliseconds every);
 
     // Every reader is named as PC/SC names it, as text.
 signals:
@@ -91,6 +94,8 @@ private:
     bool running = false;
 
     std::function<bool(const QString& reader)> ignored;
+    std::function<void()> heartbeat;
+    std::chrono::milliseconds longestWait = refreshInterval;
 
     // The loop's own, touched by the card thread only.
     ReaderStates states;

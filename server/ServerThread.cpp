@@ -129,6 +129,15 @@ void ServerThread::queue(Work&& work)
     server->post([serving, work = std::forward<Work>(work)] { work(*serving); });
 }
 
+bool ServerThread::post(std::function<void()> work)
+{
+    std::lock_guard<std::mutex> lock(mutex);
+    if (!server)
+        return false;
+    server->post(std::move(work));
+    return true;
+}
+
 void ServerThread::stopServer()
 {
     TLOG_DEBUG() << "ServerThread::stopServer()";

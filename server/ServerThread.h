@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -39,6 +40,9 @@ public:
 
     // Blocks until run() has tried to create the endpoint; true when it is listening.
     bool waitForInit();
+    // Runs `work` on the server thread, in order with the rest; false, silently, when there is
+    // no server to run it. Work queued after a stop never runs.
+    bool post(std::function<void()> work);
 
 signals:
     // Emitted on the server thread once a client's WebSocket is open; its context says which

@@ -18,7 +18,7 @@ check "log directory exists" test -d "$root/var/log/tiv-rfid-svc"
 for line in "ExecStart=$prefix/bin/tiv-rfid-svc" Wants=pcscd.socket After=pcscd.socket \
             User=tiv-rfid-svc Restart=always WantedBy=multi-user.target \
             LogsDirectory=tiv-rfid-svc ReadWritePaths=-/etc/xdg/TIV \
-            "RestrictAddressFamilies=AF_UNIX AF_INET"; do
+            "RestrictAddressFamilies=AF_UNIX AF_INET" Type=notify NotifyAccess=main WatchdogSec=30s; do
   check "unit: $line" has_line "$unit" "$line"
 done
 check "unit: no daemon option, systemd supervises the process" lacks "$unit" "--daemon"

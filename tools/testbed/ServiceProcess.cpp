@@ -19,6 +19,9 @@ ServiceProcess::ServiceProcess() : environment(QProcessEnvironment::systemEnviro
     environment.insert(QStringLiteral("XDG_CONFIG_DIRS"), tempDir.path() + QStringLiteral("/xdg"));
     // Never reach a PC/SC service the test did not start itself.
     environment.insert(QStringLiteral("PCSCLITE_CSOCK_NAME"), tempDir.path() + QStringLiteral("/no-pcscd.comm"));
+    // Nor a service manager: a test that wants one sets up its own notify socket.
+    for (const char* name : {"NOTIFY_SOCKET", "WATCHDOG_USEC", "WATCHDOG_PID"})
+        environment.remove(QLatin1String(name));
     writeSettings({{QStringLiteral("logpath"), logDir()}});
 }
 
