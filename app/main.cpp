@@ -70,8 +70,8 @@ int main(int argc, char* argv[])
         parser.addOption(daemonOption);
         QCommandLineOption statusOption(
             QStringLiteral("status"),
-            QStringLiteral("Ask the running service how it is and exit: 0 serving with PC/SC and a reader, "
-                           "1 serving without either, 2 not answering."));
+            QStringLiteral("Ask the running service how it is and exit: 0 serving with PC/SC up and a reader, "
+                           "1 serving with PC/SC down or no reader, 2 not answering."));
         parser.addOption(statusOption);
         parser.process(app);
 
