@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <functional>
 
 namespace {
@@ -113,6 +114,10 @@ TEST_F(HealthEndToEnd, HealthAndStatusFollowPcscReadersClientsAndTapsAndNeverNam
 
     client.close();
     EXPECT_TRUE(healthShows([](const QJsonObject& health) { return health.value("clients").toInt(-1) == 0; }));
+
+    service.sendSignal(SIGTERM);
+    ASSERT_TRUE(service.waitForExit());
+    EXPECT_EQ(service.exitCode(), 0) << service.standardError().right(20000).toStdString();
 }
 
 TEST_F(HealthEndToEnd, StatusTouchesNoFileFailsWithNothingListeningAndIsDegradedWithoutReadersUnderAnAllowList)
