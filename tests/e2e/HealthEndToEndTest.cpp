@@ -1,6 +1,5 @@
 // The built service's health endpoint and `--status` on a private PC/SC stack: what they say as
 // pcscd and its readers go and come back, as clients connect and cards are laid on.
-#include "HttpAnswer.h"
 #include "RawTlsClient.h"
 #include "ServiceFixture.h"
 #include "TestWsClient.h"
@@ -51,8 +50,8 @@ protected:
         RawTlsClient client;
         if (!client.connect(port))
             return {};
-        const HttpAnswer answer(client.exchange("GET /health HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n"));
-        return answer.status == 200 ? answer.body : QByteArray();
+        const QByteArray answer = client.exchange("GET /health HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
+        return answer.startsWith("HTTP/1.1 200 ") ? answer.mid(answer.indexOf("\r\n\r\n") + 4) : QByteArray();
     }
     QJsonObject health() { return QJsonDocument::fromJson(healthBody()).object(); }
     bool healthShows(const std::function<bool(const QJsonObject&)>& condition)
