@@ -53,6 +53,10 @@ bool WebSocketServiceCommon::start()
                                                   nullptr);
     serverThread->setAllowedOrigins(settings->GetAllowedOrigins());
     serverThread->setLogCardIds(settings->GetLogCardIds());
+    ServiceHealth* health = healthState.get();
+    serverThread->setHealthSource([health] { return health->toJson(); });
+    connect(serverThread.get(), &ServerThread::clientCountChanged, serverThread.get(),
+            [health](int clients) { health->setClientCount(clients); }, Qt::DirectConnection);
     publisher = std::make_unique<CardEventPublisher>(
         CardEventPublisher::Options{settings->GetTagIdFormat(), settings->GetReaderRules(),
                                     std::chrono::milliseconds(settings->GetRepeatWindow())},

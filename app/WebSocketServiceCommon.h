@@ -24,7 +24,8 @@ class SmartCardController;
 //   the card and monitor threads queue here; card handling starts and ends on main only;
 // - card: the card loop's signals, handed straight to the publisher, which hands each text
 //   to the server thread;
-// - server: the greeting of each client as its WebSocket opens, built by the publisher.
+// - server: the greeting of each client as its WebSocket opens, built by the publisher; the
+//   count of admitted clients and each GET /health, written to and read from the health record.
 // The publisher and the health record are what the card and server threads share; each
 // guards itself.
 class WebSocketServiceCommon : public QObject

@@ -2,6 +2,7 @@
 #include "ServiceSupervisor.h"
 #include "Settings.h"
 #include "SignalForwarder.h"
+#include "StatusCommand.h"
 #include "WebSocketServiceCommon.h"
 
 #include "DestinationFactory.h"
@@ -83,7 +84,18 @@ int main(int argc, char* argv[])
         parser.addVersionOption();
         QCommandLineOption daemonOption(QStringLiteral("daemon"), QStringLiteral("Run as a daemon."));
         parser.addOption(daemonOption);
+        QCommandLineOption statusOption(
+            QStringLiteral("status"),
+            QStringLiteral("Ask the running service how it is and exit: 0 serving with PC/SC up and a reader, "
+                           "1 serving with PC/SC down or no reader, 2 not answering."));
+        parser.addOption(statusOption);
         parser.process(app);
+
+        // Reads the settings for the port and nothing else: no log, and the file stays as it is.
+        if (parser.isSet(statusOption)) {
+            Settings::Instance()->LoadSettings();
+            return StatusCommand(Settings::Instance()->GetPort()).run();
+        }
 
         // A reader of standard error that goes away (a pipe into tee) must not end the service.
         signal(SIGPIPE, SIG_IGN);

@@ -36,6 +36,7 @@ public:
     }
 
     bool isEmpty() const { return handles[0].empty() && handles[1].empty(); }
+    int size() const { return static_cast<int>(handles[0].size() + handles[1].size()); }
     const std::vector<Handle>& of(ClientProtocol protocol) const { return handles[index(protocol)]; }
 
 private:

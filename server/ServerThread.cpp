@@ -69,6 +69,15 @@ void ServerThread::setLogCardIds(bool enabled)
         TLOG_WARN() << "Card IDs are being logged (logcardids=true).";
 }
 
+void ServerThread::setHealthSource(std::function<QByteArray()> source)
+{
+    if (isRunning()) {
+        TLOG_WARN() << "ServerThread: the health source must be set before the server starts; ignored.";
+        return;
+    }
+    healthSource = std::move(source);
+}
+
 bool ServerThread::waitForInit()
 {
     std::unique_lock<std::mutex> lock(mutex);
@@ -93,6 +102,8 @@ void ServerThread::serve()
     callbacks.messageReceived = [this](websocketpp::connection_hdl hdl, const std::string& payload) {
         messageReceived(hdl, payload);
     };
+    callbacks.admittedChanged = [this](int clients) { emit clientCountChanged(clients); };
+    callbacks.health = healthSource;
 
     std::unique_ptr<WebsocketServer> created;
     try {

@@ -37,6 +37,9 @@ public:
     // Debug lines of what is sent name each message's type, reader and size; with this set
     // they hold the whole texts, card identifiers and all. Only before start(), like the origins.
     void setLogCardIds(bool enabled);
+    // What GET /health answers with. Called on the server thread for each request, so it must
+    // be cheap and thread-safe. Only before start(); without it, /health is not served.
+    void setHealthSource(std::function<QByteArray()> source);
 
     // Blocks until run() has tried to create the endpoint; true when it is listening.
     bool waitForInit();
@@ -48,6 +51,8 @@ signals:
     // Emitted on the server thread once a client's WebSocket is open; its context says which
     // protocol it speaks. It gets no broadcasts until admitClient() is called for it.
     void onClientConnected(ConnectionContext context);
+    // Emitted on the server thread whenever the number of admitted clients changes.
+    void clientCountChanged(int clients);
 
 public slots:
     // Ends the thread; open connections get no close frames.
@@ -89,6 +94,7 @@ private:
     QString logPath;
     QStringList allowedOrigins;
     bool logCardIds = false;
+    std::function<QByteArray()> healthSource;
 
     // Server thread only: how much of each client's messages the log has taken this second.
     struct MessageLogBudget

@@ -39,6 +39,7 @@ WebsocketServer::WebsocketServer(unsigned short port, const QString& certFile,
     , accept(endpoint, ioContext)
     , allowedOrigins(origins)
     , callbacks(std::move(callbacks))
+    , healthRequests(allowedOrigins, this->callbacks.health)
     , messages(std::make_shared<EndpointConfig::con_msg_manager_type>())
     , framer(true, true, messages, rng)
 {
@@ -56,6 +57,7 @@ WebsocketServer::WebsocketServer(unsigned short port, const QString& certFile,
     endpoint.set_close_handler(std::bind(&WebsocketServer::closeHandler, this, _1));
     endpoint.set_message_handler(std::bind(&WebsocketServer::messageHandler, this, _1, _2));
     endpoint.set_ping_handler(std::bind(&WebsocketServer::pingHandler, this, _1, _2));
+    endpoint.set_http_handler(std::bind(&WebsocketServer::httpHandler, this, _1));
     endpoint.set_fail_handler([this](websocketpp::connection_hdl) { accept.connectionClosed(); });
     endpoint.set_tls_init_handler([this](websocketpp::connection_hdl hdl) {
         TLOG_DEBUG() << "on_tls_init called with hdl: " << connectionAddress(hdl);
@@ -151,6 +153,7 @@ void WebsocketServer::admit(const ConnectionContext& context, const QStringList&
             deliver(connection, frame);
     }
     admitted.add(context.hdl, context.protocol);
+    admittedChanged();
 }
 
 WebsocketServer::message_ptr WebsocketServer::prepareFrame(const QString& message)
@@ -235,8 +238,31 @@ void WebsocketServer::closeHandler(websocketpp::connection_hdl hdl)
                     << EndpointConfig::max_message_size << "bytes.";
     }
     const int removed = admitted.remove(hdl);
+    if (removed > 0)
+        admittedChanged();
     if (callbacks.closed)
         callbacks.closed(hdl, removed);
+}
+
+void WebsocketServer::admittedChanged()
+{
+    if (callbacks.admittedChanged)
+        callbacks.admittedChanged(admitted.size());
+}
+
+void WebsocketServer::httpHandler(websocketpp::connection_hdl hdl)
+{
+    websocketpp::lib::error_code ec;
+    const Endpoint::connection_ptr connection = endpoint.get_con_from_hdl(hdl, ec);
+    if (!connection)
+        return;
+    // Neither the fail nor the close handler hears of a connection that was answered over HTTP.
+    connection->set_termination_handler([this](const Endpoint::connection_ptr&) { accept.connectionClosed(); });
+    const HealthRequests::Answer answer = healthRequests.answer(connection->get_request());
+    connection->set_status(answer.status);
+    for (const auto& [name, value] : answer.headers)
+        connection->append_header(name, value);
+    connection->set_body(answer.body);
 }
 
 void WebsocketServer::messageHandler(websocketpp::connection_hdl hdl, message_ptr msg)

@@ -5,6 +5,7 @@
 #include "ClientProtocol.h"
 #include "ConnectionContext.h"
 #include "EndpointConfig.h"
+#include "HealthRequests.h"
 #include "OriginAllowList.h"
 #include "TlsCredentials.h"
 
@@ -34,6 +35,10 @@ public:
         // How many admitted clients the close removed (0 for one never admitted).
         std::function<void(websocketpp::connection_hdl, int removed)> closed;
         std::function<void(websocketpp::connection_hdl, const std::string& payload)> messageReceived;
+        // How many clients broadcasts reach, each time that changes.
+        std::function<void(int admitted)> admittedChanged;
+        // The body of GET /health; without it every plain HTTP request gets 426.
+        HealthRequests::Source health;
     };
 
     // Binds and listens; throws std::exception when that fails (e.g. the port is taken).
@@ -70,6 +75,8 @@ private:
     void closeHandler(websocketpp::connection_hdl hdl);
     void messageHandler(websocketpp::connection_hdl hdl, message_ptr msg);
     bool pingHandler(websocketpp::connection_hdl hdl, const std::string& payload);
+    void httpHandler(websocketpp::connection_hdl hdl);
+    void admittedChanged();
 
     // False, after dropping the client, when `bytes` more would pass its bound of unsent data.
     bool hasRoomFor(const Endpoint::connection_ptr& connection, size_t bytes);
@@ -93,6 +100,7 @@ private:
     AcceptLoop accept;
     OriginAllowList allowedOrigins;
     Callbacks callbacks;
+    HealthRequests healthRequests;
     AdmittedClients admitted;
     bool stopped = false;
 

@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -55,6 +56,8 @@ protected:
             auto candidate =
                 std::make_unique<ServerThread>(port, cert.certFile(), cert.keyFile(), logPrefix(), nullptr);
             candidate->setAllowedOrigins(allowedOrigins);
+            if (healthSource)
+                candidate->setHealthSource(healthSource);
             ServerThread* server = candidate.get();
             // Emitted on the server thread; the service admits from inside the handler too.
             QObject::connect(candidate.get(), &ServerThread::onClientConnected, candidate.get(),
@@ -87,8 +90,9 @@ protected:
         return announced;
     }
 
-    // Fixtures that restrict origins set this in their constructor.
+    // Fixtures that restrict origins or serve /health set these in their constructor.
     QStringList allowedOrigins;
+    std::function<QByteArray()> healthSource;
     TestCertificate cert;
     QTemporaryDir logDir;
     quint16 port = 0;

@@ -79,6 +79,23 @@ bool ServiceProcess::start(const QStringList& arguments)
     return process.waitForStarted(10000);
 }
 
+ServiceProcess::CommandRun ServiceProcess::runCommand(const QStringList& arguments, int timeoutMs) const
+{
+    QProcess command;
+    command.setProcessEnvironment(environment);
+    command.start(QStringLiteral(TIV_SERVICE_BINARY), arguments);
+    CommandRun run;
+    if (command.waitForFinished(timeoutMs) && command.exitStatus() == QProcess::NormalExit)
+        run.exitCode = command.exitCode();
+    else if (command.state() != QProcess::NotRunning) {
+        command.kill();
+        command.waitForFinished(10000);
+    }
+    run.output = QString::fromLocal8Bit(command.readAllStandardOutput());
+    run.error = QString::fromLocal8Bit(command.readAllStandardError());
+    return run;
+}
+
 qint64 ServiceProcess::pid() const
 {
     return process.processId();

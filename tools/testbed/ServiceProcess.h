@@ -29,6 +29,16 @@ public:
 
     void setEnvironment(const QString& name, const QString& value);
     bool start(const QStringList& arguments = {});
+
+    struct CommandRun
+    {
+        int exitCode = -1; // -1: it did not end in time, or crashed
+        QString output;
+        QString error;
+    };
+    // Runs the service binary once more, to its end, with these arguments and the same settings
+    // and environment: a command such as --status beside the running service.
+    CommandRun runCommand(const QStringList& arguments, int timeoutMs = 30000) const;
     qint64 pid() const;
 
     QString appLog() const;

@@ -79,6 +79,19 @@ public:
         return statusLine.size() >= 2 ? statusLine[1].toInt() : 0;
     }
 
+    // Sends `request` and returns all the server sends until it ends the connection.
+    QByteArray exchange(const QByteArray& request)
+    {
+        QByteArray answer;
+        if (!write(request))
+            return answer;
+        char buffer[4096];
+        int got = 0;
+        while ((got = SSL_read(ssl, buffer, sizeof buffer)) > 0)
+            answer.append(buffer, got);
+        return answer;
+    }
+
     // A standard WebSocket upgrade; true on 101.
     bool upgrade()
     {
