@@ -1,10 +1,61 @@
+#include "RawTlsClient.h"
 #include "RunningServer.h"
+#include "SessionTicketKeys.h"
 #include "TlsCredentials.h"
 
 #include <QFile>
 #include <QProcess>
 
+#include <openssl/bio.h>
+
 #include <tuple>
+
+namespace {
+
+// A session from a first connection, offered again by a second.
+struct Reconnect
+{
+    bool resumed = false;
+    bool upgraded = false;
+    QByteArray certificate;
+};
+
+Reconnect reconnectWith(quint16 port, SSL_SESSION* session, bool tickets)
+{
+    RawTlsClient client;
+    Reconnect result;
+    if (client.connectTcp(port) && client.startTls(session, tickets)) {
+        result.resumed = client.resumed();
+        result.certificate = client.peerSha256();
+        result.upgraded = client.upgrade();
+    }
+    return result;
+}
+
+SessionPtr firstSession(quint16 port, bool tickets)
+{
+    RawTlsClient client;
+    if (!client.connectTcp(port) || !client.startTls(nullptr, tickets) || !client.upgrade())
+        return SessionPtr(nullptr, SSL_SESSION_free);
+    client.closeTls();
+    return client.session();
+}
+
+} // namespace
+
+TEST_F(RunningServer, AReconnectingClientResumesItsSessionByTicketOrBySessionId)
+{
+    for (const bool tickets : {true, false}) {
+        SCOPED_TRACE(tickets ? "ticket" : "session ID");
+        const SessionPtr session = firstSession(port, tickets);
+        ASSERT_TRUE(session);
+        EXPECT_EQ(SSL_SESSION_has_ticket(session.get()), tickets ? 1 : 0);
+        const Reconnect again = reconnectWith(port, session.get(), tickets);
+        EXPECT_TRUE(again.resumed);
+        EXPECT_TRUE(again.upgraded);
+    }
+    ASSERT_TRUE(waitForClients(4));
+}
 
 TEST_F(RunningServer, CertificateAndKeyAreReadAtEveryHandshake)
 {
@@ -50,6 +101,83 @@ TEST_F(RunningServer, CertificateAndKeyAreReadAtEveryHandshake)
     thread->sendToAll("still serving");
     for (TestWsClient* client : {&first, &second})
         EXPECT_EQ(client->nextMessage(), QStringLiteral("still serving"));
+
+    // Sessions of a replaced pair do not resume: their clients get the new certificate.
+    const SessionPtr withTicket = firstSession(port, true), withId = firstSession(port, false);
+    ASSERT_TRUE(withTicket && withId);
+    ASSERT_TRUE(install(stranger.certFile(), stranger.keyFile()));
+    for (const bool tickets : {true, false}) {
+        const Reconnect again = reconnectWith(port, tickets ? withTicket.get() : withId.get(), tickets);
+        EXPECT_FALSE(again.resumed) << tickets;
+        EXPECT_EQ(again.certificate, stranger.sha256()) << tickets;
+        EXPECT_TRUE(again.upgraded) << tickets;
+    }
+}
+
+namespace {
+
+// One TLS handshake between the two contexts in memory; the client's session when it succeeded.
+SessionPtr handshakeInMemory(SSL_CTX* server, SSL_CTX* client, SSL_SESSION* offered, bool* resumed)
+{
+    using SslPtr = std::unique_ptr<SSL, void (*)(SSL*)>;
+    SslPtr serverSide(SSL_new(server), SSL_free), clientSide(SSL_new(client), SSL_free);
+    BIO* serverEnd = nullptr;
+    BIO* clientEnd = nullptr;
+    BIO_new_bio_pair(&serverEnd, 0, &clientEnd, 0);
+    SSL_set_bio(serverSide.get(), serverEnd, serverEnd);
+    SSL_set_bio(clientSide.get(), clientEnd, clientEnd);
+    SSL_set_accept_state(serverSide.get());
+    SSL_set_connect_state(clientSide.get());
+    if (offered)
+        SSL_set_session(clientSide.get(), offered);
+    for (int round = 0; round < 10 && !SSL_is_init_finished(clientSide.get()); ++round) {
+        SSL_do_handshake(clientSide.get());
+        SSL_do_handshake(serverSide.get());
+    }
+    *resumed = SSL_session_reused(clientSide.get()) == 1;
+    if (!SSL_is_init_finished(clientSide.get()))
+        return SessionPtr(nullptr, SSL_SESSION_free);
+    // A session whose connection ended without a goodbye is never offered again.
+    SSL_shutdown(clientSide.get());
+    return SessionPtr(SSL_get1_session(clientSide.get()), SSL_SESSION_free);
+}
+
+} // namespace
+
+TEST(SessionTicketKeysTest, TicketsResumeUntilTheKeyAfterTheirsIsReplacedAndRenewedTicketsGoOn)
+{
+    using namespace std::chrono;
+    SessionTicketKeys::Clock::time_point now{};
+    SessionTicketKeys keys([&now] { return now; });
+    const TestCertificate pair;
+    std::unique_ptr<SSL_CTX, void (*)(SSL_CTX*)> server(SSL_CTX_new(TLS_server_method()), SSL_CTX_free),
+        client(SSL_CTX_new(TLS_client_method()), SSL_CTX_free);
+    TlsCredentials::applyServerSettings(server.get());
+    // Tickets alone: the cache would resume the sessions whatever the keys.
+    SSL_CTX_set_session_cache_mode(server.get(), SSL_SESS_CACHE_OFF);
+    ASSERT_EQ(SSL_CTX_use_certificate_chain_file(server.get(), pair.certFile().toUtf8().constData()), 1);
+    ASSERT_EQ(SSL_CTX_use_PrivateKey_file(server.get(), pair.keyFile().toUtf8().constData(), SSL_FILETYPE_PEM), 1);
+    keys.install(server.get());
+
+    bool resumed = false;
+    const SessionPtr first = handshakeInMemory(server.get(), client.get(), nullptr, &resumed);
+    ASSERT_TRUE(first);
+    // The next key has taken over: the first ticket still resumes, and is replaced.
+    now += SessionTicketKeys::lifetime + minutes(1);
+    const SessionPtr renewed = handshakeInMemory(server.get(), client.get(), first.get(), &resumed);
+    EXPECT_TRUE(resumed);
+    ASSERT_TRUE(renewed);
+    // One more: the first ticket's key is gone, the renewed one's still opens it.
+    now += SessionTicketKeys::lifetime;
+    handshakeInMemory(server.get(), client.get(), first.get(), &resumed);
+    EXPECT_FALSE(resumed);
+    handshakeInMemory(server.get(), client.get(), renewed.get(), &resumed);
+    EXPECT_TRUE(resumed);
+
+    const SessionPtr fresh = handshakeInMemory(server.get(), client.get(), nullptr, &resumed);
+    keys.discardAll();
+    handshakeInMemory(server.get(), client.get(), fresh.get(), &resumed);
+    EXPECT_FALSE(resumed);
 }
 
 TEST(TlsCredentialsCheck, NamesTheFileAndWhatIsWrongWithIt)
