@@ -53,6 +53,7 @@ bool WebSocketServiceCommon::start()
                                                   nullptr);
     serverThread->setAllowedOrigins(settings->GetAllowedOrigins());
     serverThread->setLogCardIds(settings->GetLogCardIds());
+    serverThread->setMaxClients(settings->GetMaxClients());
     publisher = std::make_unique<CardEventPublisher>(
         CardEventPublisher::Options{settings->GetTagIdFormat(), settings->GetReaderRules(),
                                     std::chrono::milliseconds(settings->GetRepeatWindow())},

@@ -25,6 +25,9 @@ class ServerThread : public QThread
     Q_OBJECT
 
 public:
+    // About 24 KiB each: 10000 clients stay well below a gigabyte.
+    static const int defaultMaxClients = 10000;
+
     ServerThread(quint16 port, const QString& certFile, const QString& keyFile,
                  const QString& logPath, QObject* parent);
     // Stops and waits for a thread that is still serving, then releases the endpoint.
@@ -36,6 +39,9 @@ public:
     // Debug lines of what is sent name each message's type, reader and size; with this set
     // they hold the whole texts, card identifiers and all. Only before start(), like the origins.
     void setLogCardIds(bool enabled);
+    // Connections at once, open or still in their handshakes; more are refused as they come.
+    // Only before start().
+    void setMaxClients(int count);
 
     // Blocks until run() has tried to create the endpoint; true when it is listening.
     bool waitForInit();
@@ -85,6 +91,7 @@ private:
     QString logPath;
     QStringList allowedOrigins;
     bool logCardIds = false;
+    int maxClients = defaultMaxClients;
 
     // Server thread only: how much of each client's messages the log has taken this second.
     struct MessageLogBudget

@@ -55,6 +55,8 @@ protected:
             auto candidate =
                 std::make_unique<ServerThread>(port, cert.certFile(), cert.keyFile(), logPrefix(), nullptr);
             candidate->setAllowedOrigins(allowedOrigins);
+            if (maxClients > 0)
+                candidate->setMaxClients(maxClients);
             ServerThread* server = candidate.get();
             // Emitted on the server thread; the service admits from inside the handler too.
             QObject::connect(candidate.get(), &ServerThread::onClientConnected, candidate.get(),
@@ -87,8 +89,9 @@ protected:
         return announced;
     }
 
-    // Fixtures that restrict origins set this in their constructor.
+    // Fixtures that restrict origins or clients set these in their constructor.
     QStringList allowedOrigins;
+    int maxClients = 0;
     TestCertificate cert;
     QTemporaryDir logDir;
     quint16 port = 0;
