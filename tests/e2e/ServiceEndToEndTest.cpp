@@ -2,13 +2,17 @@
 // pair, virtual cards, and real TLS WebSocket clients.
 #include "OriginalTexts.h"
 #include "ServiceFixture.h"
+#include "TagArrivals.h"
 #include "TestWsClient.h"
+#include "WssClientGroup.h"
 
 #include <QDir>
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <csignal>
+#include <thread>
 
 namespace {
 
@@ -141,6 +145,29 @@ TEST_F(ServiceEndToEnd, ClientsSeeTheReadersGoWithPcscdAndComeBackWithItWithoutL
     // A stop while the service waits for a lost PC/SC to return.
     pcscd.kill();
     EXPECT_EQ(next(*client), readerText(pcscd.readerName(0), false));
+    stopService(SIGTERM);
+}
+
+TEST_F(ServiceEndToEnd, ClientsThatStormTheServiceAsItStartsAreEachGreeted)
+{
+    using namespace std::chrono_literals;
+    startPcscd();
+    const int clients = 1000;
+    TagArrivals arrivals(clients);
+    std::atomic<int> closed{0};
+    WssClientGroup group([&](int connection, const std::string& text,
+                             WssClientGroup::Clock::time_point at) { arrivals.onMessage(connection, text, at); },
+                         [&](int, const std::string&) { ++closed; });
+    // Each keeps trying from before the service listens until it is in.
+    group.setRetry(100ms);
+    bool allOpen = false;
+    std::thread connecting([&] { allOpen = group.connect(port, clients, 120s, clients); });
+    const bool started = service.start();
+    connecting.join();
+    ASSERT_TRUE(started);
+    ASSERT_TRUE(allOpen) << group.lastError();
+    EXPECT_TRUE(arrivals.waitForGreetings(60s)) << "an open client was never greeted";
+    EXPECT_EQ(closed, 0);
     stopService(SIGTERM);
 }
 

@@ -87,6 +87,11 @@ struct WssClientGroup::Impl
                 return;
             index = started++;
         }
+        start(index);
+    }
+
+    void start(int index)
+    {
         websocketpp::lib::error_code ec;
         Client::connection_ptr con = endpoint.get_connection(uri, ec);
         if (ec) {
@@ -139,11 +144,24 @@ struct WssClientGroup::Impl
         Client::connection_ptr con = endpoint.get_con_from_hdl(hdl, ignored);
         const std::string reason = con ? con->get_ec().message() : std::string();
         const int status = con ? con->get_response_code() : 0;
+        if (neverOpen && retryPause.count() > 0 && !closing) {
+            retryLater(index);
+            return;
+        }
         markEnded(index, status, reason, !neverOpen);
         if (neverOpen)
             startNext();
         else if (onClose && !closing)
             onClose(index, reason);
+    }
+
+    void retryLater(int index)
+    {
+        auto timer = std::make_shared<boost::asio::steady_timer>(endpoint.get_io_service(), retryPause);
+        timer->async_wait([this, index, timer](const boost::system::error_code& ec) {
+            if (!ec && !closing)
+                start(index);
+        });
     }
 
     void markEnded(int index, int status, const std::string& reason, bool wasOpen)
@@ -183,6 +201,7 @@ struct WssClientGroup::Impl
     std::string uri;
     std::string origin;
     std::vector<std::string> subprotocols;
+    std::chrono::milliseconds retryPause{0};
 
     mutable std::mutex mutex;
     std::condition_variable changed;
@@ -213,6 +232,12 @@ void WssClientGroup::setSubprotocols(const std::vector<std::string>& names)
 {
     std::lock_guard<std::mutex> lock(d->mutex);
     d->subprotocols = names;
+}
+
+void WssClientGroup::setRetry(std::chrono::milliseconds pause)
+{
+    std::lock_guard<std::mutex> lock(d->mutex);
+    d->retryPause = pause;
 }
 
 bool WssClientGroup::connect(uint16_t port, int count, std::chrono::milliseconds timeout, int inFlight)

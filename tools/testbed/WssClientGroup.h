@@ -29,6 +29,9 @@ public:
     void setOrigin(const std::string& origin);
     // Offers these subprotocols, in this order, with each handshake; none by default.
     void setSubprotocols(const std::vector<std::string>& names);
+    // A connection that fails before it is open is tried again after `pause`, for as long as
+    // connect() waits, rather than ending connect() with false. Before connect().
+    void setRetry(std::chrono::milliseconds pause);
     // Opens `count` connections (numbered from 0) to wss://127.0.0.1:port, at most `inFlight`
     // handshakes at a time so a busy server is not flooded. Call once per group. True once
     // all are open; false when one failed or the time ran out.
