@@ -8,56 +8,26 @@
 
 #include <openssl/bio.h>
 
+#include <memory>
 #include <tuple>
+#include <vector>
 
 namespace {
 
-// A session from a first connection, offered again by a second.
-struct Reconnect
+// An upgraded connection that ended with a TLS goodbye, so that its session may be offered again;
+// without tickets a session resumes by its ID alone. Null when it failed.
+std::unique_ptr<RawTlsClient> upgraded(quint16 port, bool tickets, SSL_SESSION* offered = nullptr)
 {
-    bool resumed = false;
-    bool upgraded = false;
-    QByteArray certificate;
-};
-
-Reconnect reconnectWith(quint16 port, SSL_SESSION* session, bool tickets)
-{
-    RawTlsClient client;
-    Reconnect result;
-    if (client.connectTcp(port) && client.startTls(session, tickets)) {
-        result.resumed = client.resumed();
-        result.certificate = client.peerSha256();
-        result.upgraded = client.upgrade();
-    }
-    return result;
-}
-
-SessionPtr firstSession(quint16 port, bool tickets)
-{
-    RawTlsClient client;
-    if (!client.connectTcp(port) || !client.startTls(nullptr, tickets) || !client.upgrade())
-        return SessionPtr(nullptr, SSL_SESSION_free);
-    client.closeTls();
-    return client.session();
+    auto client = std::make_unique<RawTlsClient>();
+    if (!client->connectTcp(port) || !client->startTls(offered, tickets) || !client->upgrade())
+        return nullptr;
+    client->closeTls();
+    return client;
 }
 
 } // namespace
 
-TEST_F(RunningServer, AReconnectingClientResumesItsSessionByTicketOrBySessionId)
-{
-    for (const bool tickets : {true, false}) {
-        SCOPED_TRACE(tickets ? "ticket" : "session ID");
-        const SessionPtr session = firstSession(port, tickets);
-        ASSERT_TRUE(session);
-        EXPECT_EQ(SSL_SESSION_has_ticket(session.get()), tickets ? 1 : 0);
-        const Reconnect again = reconnectWith(port, session.get(), tickets);
-        EXPECT_TRUE(again.resumed);
-        EXPECT_TRUE(again.upgraded);
-    }
-    ASSERT_TRUE(waitForClients(4));
-}
-
-TEST_F(RunningServer, CertificateAndKeyAreReadAtEveryHandshake)
+TEST_F(RunningServer, CertificateAndKeyAreReadAtEveryHandshakeAndSessionsResumeUntilTheyChange)
 {
     TestWsClient first;
     ASSERT_TRUE(first.connect(port)) << first.lastError().toStdString();
@@ -102,56 +72,33 @@ TEST_F(RunningServer, CertificateAndKeyAreReadAtEveryHandshake)
     for (TestWsClient* client : {&first, &second})
         EXPECT_EQ(client->nextMessage(), QStringLiteral("still serving"));
 
-    // Sessions of a replaced pair do not resume: their clients get the new certificate.
-    const SessionPtr withTicket = firstSession(port, true), withId = firstSession(port, false);
-    ASSERT_TRUE(withTicket && withId);
+    // A client that comes back resumes its session, by ticket or by ID, until the pair is
+    // replaced: then it gets a full handshake with the new certificate.
+    std::vector<SessionPtr> sessions;
+    for (const bool tickets : {true, false}) {
+        const auto client = upgraded(port, tickets);
+        ASSERT_TRUE(client);
+        sessions.push_back(client->session());
+        const auto again = upgraded(port, tickets, sessions.back().get());
+        ASSERT_TRUE(again);
+        EXPECT_TRUE(again->resumed()) << tickets;
+    }
     ASSERT_TRUE(install(stranger.certFile(), stranger.keyFile()));
     for (const bool tickets : {true, false}) {
-        const Reconnect again = reconnectWith(port, tickets ? withTicket.get() : withId.get(), tickets);
-        EXPECT_FALSE(again.resumed) << tickets;
-        EXPECT_EQ(again.certificate, stranger.sha256()) << tickets;
-        EXPECT_TRUE(again.upgraded) << tickets;
+        const auto again = upgraded(port, tickets, sessions[tickets ? 0 : 1].get());
+        ASSERT_TRUE(again);
+        EXPECT_FALSE(again->resumed()) << tickets;
+        EXPECT_EQ(again->peerSha256().toHex(), stranger.sha256().toHex()) << tickets;
     }
 }
 
-namespace {
-
-// One TLS handshake between the two contexts in memory; the client's session when it succeeded.
-SessionPtr handshakeInMemory(SSL_CTX* server, SSL_CTX* client, SSL_SESSION* offered, bool* resumed)
+TEST(SessionTicketKeysTest, ATicketResumesUntilTheKeyAfterItsOwnIsReplacedAndIsRenewedMeanwhile)
 {
-    using SslPtr = std::unique_ptr<SSL, void (*)(SSL*)>;
-    SslPtr serverSide(SSL_new(server), SSL_free), clientSide(SSL_new(client), SSL_free);
-    BIO* serverEnd = nullptr;
-    BIO* clientEnd = nullptr;
-    BIO_new_bio_pair(&serverEnd, 0, &clientEnd, 0);
-    SSL_set_bio(serverSide.get(), serverEnd, serverEnd);
-    SSL_set_bio(clientSide.get(), clientEnd, clientEnd);
-    SSL_set_accept_state(serverSide.get());
-    SSL_set_connect_state(clientSide.get());
-    if (offered)
-        SSL_set_session(clientSide.get(), offered);
-    for (int round = 0; round < 10 && !SSL_is_init_finished(clientSide.get()); ++round) {
-        SSL_do_handshake(clientSide.get());
-        SSL_do_handshake(serverSide.get());
-    }
-    *resumed = SSL_session_reused(clientSide.get()) == 1;
-    if (!SSL_is_init_finished(clientSide.get()))
-        return SessionPtr(nullptr, SSL_SESSION_free);
-    // A session whose connection ended without a goodbye is never offered again.
-    SSL_shutdown(clientSide.get());
-    return SessionPtr(SSL_get1_session(clientSide.get()), SSL_SESSION_free);
-}
-
-} // namespace
-
-TEST(SessionTicketKeysTest, TicketsResumeUntilTheKeyAfterTheirsIsReplacedAndRenewedTicketsGoOn)
-{
-    using namespace std::chrono;
     SessionTicketKeys::Clock::time_point now{};
     SessionTicketKeys keys([&now] { return now; });
     const TestCertificate pair;
-    std::unique_ptr<SSL_CTX, void (*)(SSL_CTX*)> server(SSL_CTX_new(TLS_server_method()), SSL_CTX_free),
-        client(SSL_CTX_new(TLS_client_method()), SSL_CTX_free);
+    using Context = std::unique_ptr<SSL_CTX, void (*)(SSL_CTX*)>;
+    Context server(SSL_CTX_new(TLS_server_method()), SSL_CTX_free), client(SSL_CTX_new(TLS_client_method()), SSL_CTX_free);
     TlsCredentials::applyServerSettings(server.get());
     // Tickets alone: the cache would resume the sessions whatever the keys.
     SSL_CTX_set_session_cache_mode(server.get(), SSL_SESS_CACHE_OFF);
@@ -159,25 +106,37 @@ TEST(SessionTicketKeysTest, TicketsResumeUntilTheKeyAfterTheirsIsReplacedAndRene
     ASSERT_EQ(SSL_CTX_use_PrivateKey_file(server.get(), pair.keyFile().toUtf8().constData(), SSL_FILETYPE_PEM), 1);
     keys.install(server.get());
 
-    bool resumed = false;
-    const SessionPtr first = handshakeInMemory(server.get(), client.get(), nullptr, &resumed);
-    ASSERT_TRUE(first);
-    // The next key has taken over: the first ticket still resumes, and is replaced.
-    now += SessionTicketKeys::lifetime + minutes(1);
-    const SessionPtr renewed = handshakeInMemory(server.get(), client.get(), first.get(), &resumed);
-    EXPECT_TRUE(resumed);
-    ASSERT_TRUE(renewed);
-    // One more: the first ticket's key is gone, the renewed one's still opens it.
+    // One handshake in memory: whether it resumed `offered`, and the client's session after it.
+    const auto handshake = [&](SSL_SESSION* offered, SessionPtr* session = nullptr) {
+        std::unique_ptr<SSL, void (*)(SSL*)> serverSide(SSL_new(server.get()), SSL_free),
+            clientSide(SSL_new(client.get()), SSL_free);
+        BIO* serverEnd = nullptr;
+        BIO* clientEnd = nullptr;
+        BIO_new_bio_pair(&serverEnd, 0, &clientEnd, 0);
+        SSL_set_bio(serverSide.get(), serverEnd, serverEnd);
+        SSL_set_bio(clientSide.get(), clientEnd, clientEnd);
+        SSL_set_accept_state(serverSide.get());
+        SSL_set_connect_state(clientSide.get());
+        if (offered)
+            SSL_set_session(clientSide.get(), offered);
+        for (int round = 0; round < 10 && !SSL_is_init_finished(clientSide.get()); ++round) {
+            SSL_do_handshake(clientSide.get());
+            SSL_do_handshake(serverSide.get());
+        }
+        // Without the goodbye the session would never be offered again.
+        SSL_shutdown(clientSide.get());
+        if (session)
+            *session = SessionPtr(SSL_get1_session(clientSide.get()), SSL_SESSION_free);
+        return SSL_session_reused(clientSide.get()) == 1;
+    };
+    SessionPtr first(nullptr, SSL_SESSION_free), renewed(nullptr, SSL_SESSION_free);
+    handshake(nullptr, &first);
+    // The key before the current one still opens its tickets, and has them replaced.
+    now += SessionTicketKeys::lifetime + std::chrono::minutes(1);
+    EXPECT_TRUE(handshake(first.get(), &renewed));
     now += SessionTicketKeys::lifetime;
-    handshakeInMemory(server.get(), client.get(), first.get(), &resumed);
-    EXPECT_FALSE(resumed);
-    handshakeInMemory(server.get(), client.get(), renewed.get(), &resumed);
-    EXPECT_TRUE(resumed);
-
-    const SessionPtr fresh = handshakeInMemory(server.get(), client.get(), nullptr, &resumed);
-    keys.discardAll();
-    handshakeInMemory(server.get(), client.get(), fresh.get(), &resumed);
-    EXPECT_FALSE(resumed);
+    EXPECT_FALSE(handshake(first.get()));
+    EXPECT_TRUE(handshake(renewed.get()));
 }
 
 TEST(TlsCredentialsCheck, NamesTheFileAndWhatIsWrongWithIt)
