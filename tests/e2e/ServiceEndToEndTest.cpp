@@ -10,7 +10,6 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <csignal>
 #include <thread>
 
@@ -154,20 +153,19 @@ TEST_F(ServiceEndToEnd, ClientsThatStormTheServiceAsItStartsAreEachGreeted)
     startPcscd();
     const int clients = 1000;
     TagArrivals arrivals(clients);
-    std::atomic<int> closed{0};
     WssClientGroup group([&](int connection, const std::string& text,
-                             WssClientGroup::Clock::time_point at) { arrivals.onMessage(connection, text, at); },
-                         [&](int, const std::string&) { ++closed; });
-    // Each keeps trying from before the service listens until it is in.
+                             WssClientGroup::Clock::time_point at) { arrivals.onMessage(connection, text, at); });
+    // Each keeps trying from before the service listens until it is in; one the service closes
+    // before it is open (its deadline under this load) comes back too.
     group.setRetry(100ms);
     bool allOpen = false;
     std::thread connecting([&] { allOpen = group.connect(port, clients, 120s, clients); });
-    const bool started = service.start();
+    // Started once about every client has been turned away.
+    const bool started = waitUntil([&] { return group.retries() >= clients; }, 60000) && service.start();
     connecting.join();
     ASSERT_TRUE(started);
     ASSERT_TRUE(allOpen) << group.lastError();
     EXPECT_TRUE(arrivals.waitForGreetings(60s)) << "an open client was never greeted";
-    EXPECT_EQ(closed, 0);
     stopService(SIGTERM);
 }
 

@@ -29,8 +29,8 @@ public:
     void setOrigin(const std::string& origin);
     // Offers these subprotocols, in this order, with each handshake; none by default.
     void setSubprotocols(const std::vector<std::string>& names);
-    // A connection that fails before it is open is tried again after `pause`, for as long as
-    // connect() waits, rather than ending connect() with false. Before connect().
+    // A connection that fails or closes is tried again after `pause` (no CloseHandler call), and
+    // connect() waits until all are open at once. Before connect().
     void setRetry(std::chrono::milliseconds pause);
     // Opens `count` connections (numbered from 0) to wss://127.0.0.1:port, at most `inFlight`
     // handshakes at a time so a busy server is not flooded. Call once per group. True once
@@ -50,6 +50,8 @@ public:
     // The Sec-WebSocket-Protocol the server answered with; empty before the connection is open
     // and when it chose none.
     std::string subprotocol(int connection) const;
+    // How often a connection was tried again (see setRetry).
+    int retries() const;
     // Why the last connection failed or closed, as the library put it.
     std::string lastError() const;
 
