@@ -1,6 +1,7 @@
 #include "Settings.h"
 
 #include "Log.h"
+#include "ServerThread.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -23,6 +24,7 @@ const char* const logLevelKey = "service/loglevel";
 const char* const allowedOriginsKey = "service/allowedorigins";
 const char* const tagIdFormatKey = "service/tagidformat";
 const char* const repeatWindowKey = "service/repeatwindow";
+const char* const maxClientsKey = "service/maxclients";
 const char* const readersGroup = "readers";
 const char* const ignoreKey = "ignore";
 const QLatin1String aliasKeyPrefix("alias.");
@@ -30,6 +32,8 @@ const QLatin1String aliasKeyPrefix("alias.");
 const QString defaultLogPath = QStringLiteral("/var/log/tiv-rfid-svc/");
 const int defaultPort = 8036;
 const int defaultLogLevel = 1;
+// At about 24 KiB a client, what the unit's memory bound (512 MiB) still holds.
+const int mostClients = 20000;
 
 QSettings* openStore()
 {
@@ -195,6 +199,7 @@ void Settings::LoadSettings()
     allowedOrigins = commaSeparated(store->value(allowedOriginsKey));
     tagIdFormat = readTagIdFormat(store->value(tagIdFormatKey));
     repeatWindow = readRepeatWindow(store->value(repeatWindowKey));
+    maxClients = readMaxClients(store->value(maxClientsKey));
     readerRules = readReaderRules(*store);
 
     // Read only, never saved: card identifiers in the log are an administrator's explicit choice.
@@ -299,6 +304,23 @@ int Settings::readRepeatWindow(const QVariant& stored)
         loadWarnings << QStringLiteral("Setting %1 \"%2\" is not a number of milliseconds from 0 to 60000; using 0.")
                             .arg(QLatin1String(repeatWindowKey), stored.toString());
         return 0;
+    }
+    return value;
+}
+
+int Settings::readMaxClients(const QVariant& stored)
+{
+    const int fallback = ServerThread::defaultMaxClients;
+    if (!stored.isValid())
+        return fallback;
+    bool isNumber = false;
+    const int value = stored.toInt(&isNumber);
+    if (!isNumber || value < 1 || value > mostClients) {
+        loadWarnings << QStringLiteral("Setting %1 \"%2\" is not a number of clients from 1 to %3; using %4.")
+                            .arg(QLatin1String(maxClientsKey), stored.toString())
+                            .arg(mostClients)
+                            .arg(fallback);
+        return fallback;
     }
     return value;
 }

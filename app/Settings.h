@@ -38,6 +38,8 @@ public:
     const ReaderRules& GetReaderRules() const { return readerRules; }
     // Whole message texts, card identifiers included, in the debug log.
     bool GetLogCardIds() const { return logCardIds; }
+    // WebSocket connections at once; more are refused.
+    int GetMaxClients() const { return maxClients; }
 
     void SetPort(const unsigned short& value) { port = value; }
     void SetCertFile(const QString& value) { certFile = value; }
@@ -55,6 +57,7 @@ private:
     int readLogLevel(const QVariant& stored);
     TagIdFormat readTagIdFormat(const QVariant& stored);
     int readRepeatWindow(const QVariant& stored);
+    int readMaxClients(const QVariant& stored);
     ReaderRules readReaderRules(QSettings& store);
 
     unsigned short port;
@@ -68,4 +71,5 @@ private:
     int repeatWindow = 0;
     ReaderRules readerRules;
     bool logCardIds = false;
+    int maxClients = 0;
 };

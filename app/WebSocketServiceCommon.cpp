@@ -57,6 +57,7 @@ bool WebSocketServiceCommon::start()
     serverThread->setHealthSource([health] { return health->toJson(); });
     connect(serverThread.get(), &ServerThread::clientCountChanged, serverThread.get(),
             [health](int clients) { health->setClientCount(clients); }, Qt::DirectConnection);
+    serverThread->setMaxClients(settings->GetMaxClients());
     publisher = std::make_unique<CardEventPublisher>(
         CardEventPublisher::Options{settings->GetTagIdFormat(), settings->GetReaderRules(),
                                     std::chrono::milliseconds(settings->GetRepeatWindow())},

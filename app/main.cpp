@@ -14,6 +14,7 @@
 #include <QDir>
 #include <QSettings>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -26,24 +27,30 @@ void sig_handler(int signalNumber)
     SignalForwarder::handleSignal(signalNumber);
 }
 
-// Every client holds a descriptor: the usual soft limit of 1024 turned clients away while the
-// hard limit had room for many more.
-void raiseDescriptorLimit()
+// Every client holds a descriptor: the usual soft limit of 1024 turned clients away. Raised to
+// what maxclients needs, with room for the service's own files, and no further: a hard limit of
+// a million would only let a fault run longer.
+void raiseDescriptorLimit(int maxClients)
 {
+    const rlim_t ownFiles = 256;
+    const rlim_t needed = rlim_t(maxClients) + ownFiles;
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
         TLOG_WARN() << "Could not read the open file limit:" << std::strerror(errno);
         return;
     }
-    if (limit.rlim_cur < limit.rlim_max) {
+    if (limit.rlim_cur < needed) {
         rlimit raised = limit;
-        raised.rlim_cur = limit.rlim_max;
+        raised.rlim_cur = std::min(needed, limit.rlim_max);
         if (setrlimit(RLIMIT_NOFILE, &raised) == 0)
             limit = raised;
         else
-            TLOG_WARN() << "Could not raise the open file limit to" << qulonglong(raised.rlim_max) << ":"
+            TLOG_WARN() << "Could not raise the open file limit to" << qulonglong(raised.rlim_cur) << ":"
                         << std::strerror(errno);
     }
+    if (limit.rlim_cur < needed)
+        TLOG_WARN() << "The open file limit," << qulonglong(limit.rlim_cur) << ", leaves room for fewer clients than"
+                    << "maxclients," << maxClients;
     TLOG_DEBUG() << "Open file limit:" << qulonglong(limit.rlim_cur);
 }
 
@@ -137,7 +144,7 @@ int main(int argc, char* argv[])
         TLOG_INFO() << "Tiv RFID WebSocket Service starting.";
         for (const QString& warning : Settings::Instance()->GetLoadWarnings())
             TLOG_WARN().noquote() << warning;
-        raiseDescriptorLimit();
+        raiseDescriptorLimit(Settings::Instance()->GetMaxClients());
 
         if (parser.isSet(daemonOption) && !Daemon::detach()) {
             // The launching process and the intermediate child end here; only the

@@ -13,6 +13,19 @@ const std::chrono::milliseconds longestPause(1000);
 // Long enough for the closing connection to have released its socket.
 const std::chrono::milliseconds afterAClose(10);
 
+// Lives as long as its connection: the seat it takes, and the timer that ends it unless it is
+// open in time.
+struct AcceptedConnection
+{
+    AcceptedConnection(std::shared_ptr<const char> seat, boost::asio::io_context& ioContext)
+        : seat(std::move(seat))
+        , deadline(ioContext, std::chrono::milliseconds(EndpointConfig::timeout_accept_to_open))
+    {
+    }
+    std::shared_ptr<const char> seat;
+    boost::asio::steady_timer deadline;
+};
+
 bool outOfDescriptors(const boost::system::error_code& ec)
 {
     if (ec.category() != boost::system::system_category())
@@ -25,8 +38,10 @@ bool outOfDescriptors(const boost::system::error_code& ec)
 
 AcceptLoop::AcceptLoop(Endpoint& endpoint, boost::asio::io_context& ioContext)
     : endpoint(endpoint)
+    , ioContext(ioContext)
     , retryTimer(ioContext)
     , descriptorWait(firstPause, longestPause)
+    , refusals(ioContext)
 {
     endpoint.set_tcp_pre_bind_handler(
         [this](std::shared_ptr<boost::asio::ip::tcp::acceptor> bound) {
@@ -45,6 +60,7 @@ void AcceptLoop::stop()
 {
     stopped = true;
     retryTimer.cancel();
+    refusals.stop();
     if (waiting) {
         waiting->terminate(websocketpp::lib::error_code());
         waiting.reset();
@@ -78,10 +94,12 @@ void AcceptLoop::accepted(const Endpoint::connection_ptr& connection,
             descriptorWait.reset();
             TLOG_INFO() << "Accepting new WebSocket connections again.";
         }
-        // A greeting is several small messages in a row; none should wait for an ACK.
-        boost::system::error_code ignored;
-        connection->get_raw_socket().set_option(boost::asio::ip::tcp::no_delay(true), ignored);
-        connection->start();
+        if (connections() >= maxConnections) {
+            refuse(connection);
+            acceptInto(connection);
+            return;
+        }
+        admit(connection);
         acceptInto(endpoint.get_connection());
         return;
     }
@@ -118,4 +136,35 @@ void AcceptLoop::retryAfter(std::chrono::milliseconds delay)
         waiting.reset();
         acceptInto(connection);
     });
+}
+
+void AcceptLoop::refuse(const Endpoint::connection_ptr& connection)
+{
+    // Before its TLS handshake, which is most of what a connection costs; the connection object
+    // waits for the next client.
+    boost::system::error_code ignored;
+    connection->get_raw_socket().close(ignored);
+    refusals.refused(maxConnections);
+}
+
+void AcceptLoop::admit(const Endpoint::connection_ptr& connection)
+{
+    auto accepted = std::make_shared<AcceptedConnection>(seat, ioContext);
+    accepted->deadline.async_wait(
+        [weak = std::weak_ptr<Endpoint::connection_type>(connection)](const boost::system::error_code& ec) {
+            const Endpoint::connection_ptr late = weak.lock();
+            if (ec || !late || late->get_state() != websocketpp::session::state::connecting)
+                return;
+            TLOG_DEBUG() << "Closed a connection that was not open" << EndpointConfig::timeout_accept_to_open
+                         << "ms after it was accepted.";
+            // Cut at the TCP level first, so that a read or write the handshake waits on ends now.
+            boost::system::error_code ignored;
+            late->get_raw_socket().shutdown(boost::asio::socket_base::shutdown_both, ignored);
+            late->terminate(websocketpp::error::make_error_code(websocketpp::error::open_handshake_timeout));
+        });
+    connection->keepWhileAlive(std::move(accepted));
+    // A greeting is several small messages in a row; none should wait for an ACK.
+    boost::system::error_code ignored;
+    connection->get_raw_socket().set_option(boost::asio::ip::tcp::no_delay(true), ignored);
+    connection->start();
 }

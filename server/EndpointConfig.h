@@ -29,13 +29,19 @@ struct EndpointConfig : public websocketpp::config::asio_tls
         using request_type = type::request_type;
         using socket_type = TlsSocket::endpoint;
 
-        // A client that connects and then says nothing is let go after these, in ms.
+        // A client that connects and then says nothing is let go after these, in ms. The TLS
+        // handshake's limit only backs up timeout_accept_to_open.
         static const long timeout_socket_pre_init = 5000;
         static const long timeout_socket_post_init = 5000; // the TLS handshake
         static const long timeout_socket_shutdown = 5000;
     };
     using transport_type = websocketpp::transport::asio::endpoint<transport_config>;
 
+    // From accept to the upgraded WebSocket, TLS and HTTP handshakes together, in ms: the
+    // library times each handshake on its own, which let a slow client hold a connection for
+    // the sum. The accept loop enforces it.
+    static constexpr long timeout_accept_to_open = 5000;
+    // A backstop like the TLS handshake's.
     static const long timeout_open_handshake = 5000;
     static const long timeout_close_handshake = 5000;
 

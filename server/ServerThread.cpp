@@ -78,6 +78,15 @@ void ServerThread::setHealthSource(std::function<QByteArray()> source)
     healthSource = std::move(source);
 }
 
+void ServerThread::setMaxClients(int count)
+{
+    if (isRunning()) {
+        TLOG_WARN() << "ServerThread: maxclients must be set before the server starts; ignored.";
+        return;
+    }
+    maxClients = count;
+}
+
 bool ServerThread::waitForInit()
 {
     std::unique_lock<std::mutex> lock(mutex);
@@ -109,6 +118,7 @@ void ServerThread::serve()
     try {
         created = std::make_unique<WebsocketServer>(port, certFile, keyFile, logPath,
                                                     allowedOrigins, std::move(callbacks));
+        created->setMaxClients(maxClients);
     } catch (const std::exception& error) {
         TLOG_ERROR() << "Could not create server:" << error.what();
     }

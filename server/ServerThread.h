@@ -26,6 +26,9 @@ class ServerThread : public QThread
     Q_OBJECT
 
 public:
+    // About 24 KiB each: 10000 clients stay well below a gigabyte.
+    static const int defaultMaxClients = 10000;
+
     ServerThread(quint16 port, const QString& certFile, const QString& keyFile,
                  const QString& logPath, QObject* parent);
     // Stops and waits for a thread that is still serving, then releases the endpoint.
@@ -40,6 +43,9 @@ public:
     // What GET /health answers with. Called on the server thread for each request, so it must
     // be cheap and thread-safe. Only before start(); without it, /health is not served.
     void setHealthSource(std::function<QByteArray()> source);
+    // Connections at once, open or still in their handshakes; more are refused as they come.
+    // Only before start().
+    void setMaxClients(int count);
 
     // Blocks until run() has tried to create the endpoint; true when it is listening.
     bool waitForInit();
@@ -95,6 +101,7 @@ private:
     QStringList allowedOrigins;
     bool logCardIds = false;
     std::function<QByteArray()> healthSource;
+    int maxClients = defaultMaxClients;
 
     // Server thread only: how much of each client's messages the log has taken this second.
     struct MessageLogBudget

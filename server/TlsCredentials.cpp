@@ -135,8 +135,10 @@ TlsCredentials::TlsCredentials(const QString& certFile, const QString& keyFile)
     applyServerSettings(native);
     // The library creates each connection's TLS state before its client arrives; credentials
     // put on at the start of the handshake are the ones on disk at that moment.
-    SSL_CTX_set_cert_cb(native, &TlsCredentials::onHandshake, this);
+    SSL_CTX_set_client_hello_cb(native, &TlsCredentials::onClientHello, this);
+    SSL_CTX_set_cert_cb(native, &TlsCredentials::onCertificateNeeded, this);
     SSL_CTX_set_default_passwd_cb(native, refusePassphrase);
+    ticketKeys.install(native);
 }
 
 TlsCredentials::~TlsCredentials() = default;
@@ -148,10 +150,15 @@ void TlsCredentials::applyServerSettings(SSL_CTX* native)
     SSL_CTX_set_max_proto_version(native, TLS1_2_VERSION);
     // Thousands of idle clients would otherwise each keep some 50 KB of TLS buffers.
     SSL_CTX_set_mode(native, SSL_MODE_RELEASE_BUFFERS);
-    // Clients on this machine gain nothing from resuming sessions; the cache would keep one
-    // per connection for minutes, and tickets cost each handshake an encryption.
-    SSL_CTX_set_session_cache_mode(native, SSL_SESS_CACHE_OFF);
-    SSL_CTX_set_options(native, SSL_OP_NO_TICKET);
+    // A client that reconnects skips the key exchange, most of a handshake's cost: with a session
+    // ticket (tickets are on unless turned off), or by its session's ID for a client that takes
+    // no tickets. The cache also gets the sessions of ticket holders, so it is kept small; those
+    // of connected clients are shared with their connections and cost nothing more.
+    SSL_CTX_set_session_cache_mode(native, SSL_SESS_CACHE_SERVER);
+    SSL_CTX_sess_set_cache_size(native, 1024);
+    SSL_CTX_set_timeout(native, static_cast<long>(SessionTicketKeys::lifetime.count()));
+    static const unsigned char sessionContext[] = "tiv-rfid-svc";
+    SSL_CTX_set_session_id_context(native, sessionContext, sizeof sessionContext - 1);
     // Reads and writes on a connection take turns; renegotiation would make a write wait for
     // the client's data. A client that goes without a TLS goodbye is simply gone.
     SSL_CTX_set_options(native, SSL_OP_NO_RENEGOTIATION | SSL_OP_IGNORE_UNEXPECTED_EOF);
@@ -181,14 +188,25 @@ TlsCredentials::FileStamp TlsCredentials::stampOf(const QString& path)
     return stamp;
 }
 
-int TlsCredentials::onHandshake(SSL* ssl, void* self)
+// Before OpenSSL looks at the session the client offers: a session of the replaced pair must
+// not resume.
+int TlsCredentials::onClientHello(SSL*, int*, void* self)
+{
+    auto* credentials = static_cast<TlsCredentials*>(self);
+    if (credentials->reloadIfChanged()) {
+        credentials->ticketKeys.discardAll();
+        SSL_CTX_flush_sessions(credentials->shared->native_handle(), 0);
+    }
+    return SSL_CLIENT_HELLO_SUCCESS;
+}
+
+int TlsCredentials::onCertificateNeeded(SSL* ssl, void* self)
 {
     return static_cast<TlsCredentials*>(self)->applyTo(ssl) ? 1 : 0;
 }
 
 bool TlsCredentials::applyTo(SSL* ssl)
 {
-    reloadIfChanged();
     if (loaded) {
         X509* cert = SSL_CTX_get0_certificate(loaded.get());
         EVP_PKEY* key = SSL_CTX_get0_privatekey(loaded.get());
@@ -205,12 +223,12 @@ bool TlsCredentials::applyTo(SSL* ssl)
     return false;
 }
 
-void TlsCredentials::reloadIfChanged()
+bool TlsCredentials::reloadIfChanged()
 {
     const FileStamp cert = stampOf(certFile);
     const FileStamp key = stampOf(keyFile);
     if (everLoaded && cert == certStamp && key == keyStamp)
-        return;
+        return false;
     everLoaded = true;
     certStamp = cert;
     keyStamp = key;
@@ -218,6 +236,7 @@ void TlsCredentials::reloadIfChanged()
     loadError.clear();
 
     loaded = load(certFile, keyFile, loadError);
+    return true;
 }
 
 QString TlsCredentials::check(const QString& certFile, const QString& keyFile)

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "SessionTicketKeys.h"
+
 #include <QString>
 
 #include <boost/asio/ssl/context.hpp>
@@ -12,7 +14,9 @@
 // The one TLS context all connections share. The certificate chain and key are parsed once and
 // again only when either file has changed since, which a stat of both at every handshake tells;
 // so a replaced certificate serves the very next client, and a broken one fails only the
-// handshakes that meet it.
+// handshakes that meet it. A client that comes back resumes its session (a ticket, or the
+// session cache for a client that takes none) until the pair changes: then every session ends,
+// so that no client goes on with the certificate that was replaced.
 class TlsCredentials
 {
 public:
@@ -49,13 +53,17 @@ private:
     using LoadedPair = std::unique_ptr<SSL_CTX, void (*)(SSL_CTX*)>;
     static LoadedPair load(const QString& certFile, const QString& keyFile, QString& problem);
     static FileStamp stampOf(const QString& path);
-    // OpenSSL's certificate callback, run on the server thread as each handshake starts.
-    static int onHandshake(SSL* ssl, void* self);
+    // OpenSSL's callbacks, run on the server thread: as each handshake starts, and once it is
+    // settled that the handshake is a full one.
+    static int onClientHello(SSL* ssl, int* alert, void* self);
+    static int onCertificateNeeded(SSL* ssl, void* self);
     bool applyTo(SSL* ssl);
-    void reloadIfChanged();
+    // True when the files had changed since they were read.
+    bool reloadIfChanged();
 
     QString certFile;
     QString keyFile;
+    SessionTicketKeys ticketKeys;
     ContextPtr shared;
     // The parsed pair (held in a context of its own, only as their container), or why it could
     // not be parsed; it matches the stamps below.

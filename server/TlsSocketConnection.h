@@ -38,6 +38,8 @@ public:
     socket_type& get_socket() { return *socket; }
 
     void set_tls_init_handler(tls_init_handler h) { tlsInitHandler = std::move(h); }
+    // What the accept loop ties to this connection's life: released only with the connection.
+    void keepWhileAlive(std::shared_ptr<void> kept) { acceptState = std::move(kept); }
 
     std::string get_remote_endpoint(websocketpp::lib::error_code& ec) const
     {
@@ -132,6 +134,7 @@ private:
     websocketpp::lib::error_code lastError;
     websocketpp::connection_hdl hdl;
     tls_init_handler tlsInitHandler;
+    std::shared_ptr<void> acceptState;
 };
 
 } // namespace TlsSocket

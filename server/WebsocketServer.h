@@ -50,6 +50,8 @@ public:
     WebsocketServer(const WebsocketServer&) = delete;
     WebsocketServer& operator=(const WebsocketServer&) = delete;
 
+    // Connections beyond this many are closed as they are accepted. Before run().
+    void setMaxClients(int count) { accept.setMaxConnections(count); }
     // Serves until stop(). Returns at once if stop() has already run.
     void run();
 

@@ -110,9 +110,19 @@ TEST_F(SettingsTest, NonsenseGetsOneWarningAndTheDefault)
         EXPECT_EQ(settings.GetLoadWarnings().filter("service/loglevel").size(), expected == stored.toInt() ? 0 : 1);
     }
 
+    const std::pair<QVariant, int> clientCounts[] = {{1, 1}, {20000, 20000}, {0, 10000}, {20001, 10000}, {"many", 10000}};
+    for (const auto& [stored, expected] : clientCounts) {
+        SCOPED_TRACE(stored.toString().toStdString());
+        store("service/maxclients", stored);
+        settings.LoadSettings();
+        EXPECT_EQ(settings.GetMaxClients(), expected);
+        EXPECT_EQ(settings.GetLoadWarnings().filter("service/maxclients").size(), expected == stored.toInt() ? 0 : 1);
+    }
+
     // The log file name is appended to the directory.
     store("service/port", 443);
     store("service/loglevel", 1);
+    store("service/maxclients", 500);
     store("service/logpath", "/srv/tiv/log");
     settings.LoadSettings();
     EXPECT_EQ(settings.GetLogPath().toStdString(), "/srv/tiv/log/");

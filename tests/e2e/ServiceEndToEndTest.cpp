@@ -2,13 +2,16 @@
 // pair, virtual cards, and real TLS WebSocket clients.
 #include "OriginalTexts.h"
 #include "ServiceFixture.h"
+#include "TagArrivals.h"
 #include "TestWsClient.h"
+#include "WssClientGroup.h"
 
 #include <QDir>
 
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <thread>
 
 namespace {
 
@@ -141,6 +144,28 @@ TEST_F(ServiceEndToEnd, ClientsSeeTheReadersGoWithPcscdAndComeBackWithItWithoutL
     // A stop while the service waits for a lost PC/SC to return.
     pcscd.kill();
     EXPECT_EQ(next(*client), readerText(pcscd.readerName(0), false));
+    stopService(SIGTERM);
+}
+
+TEST_F(ServiceEndToEnd, ClientsThatStormTheServiceAsItStartsAreEachGreeted)
+{
+    using namespace std::chrono_literals;
+    startPcscd();
+    const int clients = 1000;
+    TagArrivals arrivals(clients);
+    WssClientGroup group([&](int connection, const std::string& text,
+                             WssClientGroup::Clock::time_point at) { arrivals.onMessage(connection, text, at); });
+    // Each keeps trying from before the service listens until it is in; one the service closes
+    // before it is open (its deadline under this load) comes back too.
+    group.setRetry(100ms);
+    bool allOpen = false;
+    std::thread connecting([&] { allOpen = group.connect(port, clients, 120s, clients); });
+    // Started once about every client has been turned away.
+    const bool started = waitUntil([&] { return group.retries() >= clients; }, 60000) && service.start();
+    connecting.join();
+    ASSERT_TRUE(started);
+    ASSERT_TRUE(allOpen) << group.lastError();
+    EXPECT_TRUE(arrivals.waitForGreetings(60s)) << "an open client was never greeted";
     stopService(SIGTERM);
 }
 

@@ -1,12 +1,33 @@
+#include "RawTlsClient.h"
 #include "RunningServer.h"
+#include "SessionTicketKeys.h"
 #include "TlsCredentials.h"
 
 #include <QFile>
 #include <QProcess>
 
-#include <tuple>
+#include <openssl/bio.h>
 
-TEST_F(RunningServer, CertificateAndKeyAreReadAtEveryHandshake)
+#include <memory>
+#include <tuple>
+#include <vector>
+
+namespace {
+
+// An upgraded connection that ended with a TLS goodbye, so that its session may be offered again;
+// without tickets a session resumes by its ID alone. Null when it failed.
+std::unique_ptr<RawTlsClient> upgraded(quint16 port, bool tickets, SSL_SESSION* offered = nullptr)
+{
+    auto client = std::make_unique<RawTlsClient>();
+    if (!client->connectTcp(port) || !client->startTls(offered, tickets) || !client->upgrade())
+        return nullptr;
+    client->closeTls();
+    return client;
+}
+
+} // namespace
+
+TEST_F(RunningServer, CertificateAndKeyAreReadAtEveryHandshakeAndSessionsResumeUntilTheyChange)
 {
     TestWsClient first;
     ASSERT_TRUE(first.connect(port)) << first.lastError().toStdString();
@@ -50,6 +71,72 @@ TEST_F(RunningServer, CertificateAndKeyAreReadAtEveryHandshake)
     thread->sendToAll("still serving");
     for (TestWsClient* client : {&first, &second})
         EXPECT_EQ(client->nextMessage(), QStringLiteral("still serving"));
+
+    // A client that comes back resumes its session, by ticket or by ID, until the pair is
+    // replaced: then it gets a full handshake with the new certificate.
+    std::vector<SessionPtr> sessions;
+    for (const bool tickets : {true, false}) {
+        const auto client = upgraded(port, tickets);
+        ASSERT_TRUE(client);
+        sessions.push_back(client->session());
+        const auto again = upgraded(port, tickets, sessions.back().get());
+        ASSERT_TRUE(again);
+        EXPECT_TRUE(again->resumed()) << tickets;
+    }
+    ASSERT_TRUE(install(stranger.certFile(), stranger.keyFile()));
+    for (const bool tickets : {true, false}) {
+        const auto again = upgraded(port, tickets, sessions[tickets ? 0 : 1].get());
+        ASSERT_TRUE(again);
+        EXPECT_FALSE(again->resumed()) << tickets;
+        EXPECT_EQ(again->peerSha256().toHex(), stranger.sha256().toHex()) << tickets;
+    }
+}
+
+TEST(SessionTicketKeysTest, ATicketResumesUntilTheKeyAfterItsOwnIsReplacedAndIsRenewedMeanwhile)
+{
+    SessionTicketKeys::Clock::time_point now{};
+    SessionTicketKeys keys([&now] { return now; });
+    const TestCertificate pair;
+    using Context = std::unique_ptr<SSL_CTX, void (*)(SSL_CTX*)>;
+    Context server(SSL_CTX_new(TLS_server_method()), SSL_CTX_free), client(SSL_CTX_new(TLS_client_method()), SSL_CTX_free);
+    TlsCredentials::applyServerSettings(server.get());
+    // Tickets alone: the cache would resume the sessions whatever the keys.
+    SSL_CTX_set_session_cache_mode(server.get(), SSL_SESS_CACHE_OFF);
+    ASSERT_EQ(SSL_CTX_use_certificate_chain_file(server.get(), pair.certFile().toUtf8().constData()), 1);
+    ASSERT_EQ(SSL_CTX_use_PrivateKey_file(server.get(), pair.keyFile().toUtf8().constData(), SSL_FILETYPE_PEM), 1);
+    keys.install(server.get());
+
+    // One handshake in memory: whether it resumed `offered`, and the client's session after it.
+    const auto handshake = [&](SSL_SESSION* offered, SessionPtr* session = nullptr) {
+        std::unique_ptr<SSL, void (*)(SSL*)> serverSide(SSL_new(server.get()), SSL_free),
+            clientSide(SSL_new(client.get()), SSL_free);
+        BIO* serverEnd = nullptr;
+        BIO* clientEnd = nullptr;
+        BIO_new_bio_pair(&serverEnd, 0, &clientEnd, 0);
+        SSL_set_bio(serverSide.get(), serverEnd, serverEnd);
+        SSL_set_bio(clientSide.get(), clientEnd, clientEnd);
+        SSL_set_accept_state(serverSide.get());
+        SSL_set_connect_state(clientSide.get());
+        if (offered)
+            SSL_set_session(clientSide.get(), offered);
+        for (int round = 0; round < 10 && !SSL_is_init_finished(clientSide.get()); ++round) {
+            SSL_do_handshake(clientSide.get());
+            SSL_do_handshake(serverSide.get());
+        }
+        // Without the goodbye the session would never be offered again.
+        SSL_shutdown(clientSide.get());
+        if (session)
+            *session = SessionPtr(SSL_get1_session(clientSide.get()), SSL_SESSION_free);
+        return SSL_session_reused(clientSide.get()) == 1;
+    };
+    SessionPtr first(nullptr, SSL_SESSION_free), renewed(nullptr, SSL_SESSION_free);
+    handshake(nullptr, &first);
+    // The key before the current one still opens its tickets, and has them replaced.
+    now += SessionTicketKeys::lifetime + std::chrono::minutes(1);
+    EXPECT_TRUE(handshake(first.get(), &renewed));
+    now += SessionTicketKeys::lifetime;
+    EXPECT_FALSE(handshake(first.get()));
+    EXPECT_TRUE(handshake(renewed.get()));
 }
 
 TEST(TlsCredentialsCheck, NamesTheFileAndWhatIsWrongWithIt)

@@ -3,6 +3,10 @@
 
 #include <QFile>
 
+#include <chrono>
+#include <memory>
+#include <thread>
+
 static const QString dropped = "it does not read";
 
 TEST_F(RunningServer, AClientThatStopsReadingIsDroppedAndTheOthersKeepReceiving)
@@ -90,4 +94,61 @@ TEST_F(RunningServer, AccessLogRecordsConnectionsButNoPayloads)
     EXPECT_TRUE(written.contains("WebSocket Connection")) << written.toStdString();
     EXPECT_FALSE(written.contains("04a1b2c3"));
     EXPECT_FALSE(written.contains("0badc0de"));
+}
+
+TEST_F(RunningServer, AConnectionNotOpenFiveSecondsAfterItsAcceptIsClosedThoughEachHandshakeWasInTime)
+{
+    using namespace std::chrono_literals;
+    const QByteArray request = "GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+                               "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n";
+    // About 3 s for TLS and 3.5 s for the upgrade: each within the library's own 5 s.
+    RawTlsClient slow;
+    ASSERT_TRUE(slow.connectTcp(port));
+    std::this_thread::sleep_for(3s);
+    ASSERT_TRUE(slow.startTls());
+    const int pieces = 7;
+    const int piece = request.size() / pieces + 1;
+    for (int at = 0; at < request.size() && slow.write(request.mid(at, piece)); at += piece)
+        std::this_thread::sleep_for(500ms);
+    EXPECT_TRUE(slow.waitForClose());
+    EXPECT_TRUE(announcedClients().empty());
+}
+
+class CappedServer : public RunningServer
+{
+protected:
+    CappedServer() { maxClients = 2; }
+};
+
+TEST_F(CappedServer, ConnectionsBeyondMaxClientsAreClosedBeforeTlsAndLoggedAtMostOnceASecond)
+{
+    TestWsClient first, second;
+    ASSERT_TRUE(first.connect(port) && second.connect(port));
+    const int tries = 20;
+    for (int i = 0; i < tries; ++i) {
+        RawTlsClient refused;
+        ASSERT_TRUE(refused.connectTcp(port));
+        EXPECT_FALSE(refused.startTls());
+    }
+    // Every refusal is counted in a line, and the lines are fewer than the refusals.
+    const auto countedInLines = [] {
+        int counted = 0;
+        for (const QString& line : LogCapture::instance().lines("new WebSocket connection(s): 2 connections are open"))
+            counted += line.section(QLatin1String("Refused "), 1).section(QLatin1Char(' '), 0, 0).toInt();
+        return counted;
+    };
+    ASSERT_TRUE(waitUntil([&] { return countedInLines() == tries; })) << countedInLines();
+    EXPECT_LT(LogCapture::instance().count("new WebSocket connection(s)"), tries);
+
+    // A seat that frees is taken by the next client; the clients served are never disturbed.
+    first.close();
+    std::unique_ptr<TestWsClient> third;
+    ASSERT_TRUE(waitUntil([&] {
+        third = std::make_unique<TestWsClient>();
+        return third->connect(port);
+    }));
+    ASSERT_TRUE(waitForClients(3));
+    thread->sendToAll("still serving");
+    for (TestWsClient* client : {&second, third.get()})
+        EXPECT_EQ(client->nextMessage(), QStringLiteral("still serving"));
 }

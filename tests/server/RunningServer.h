@@ -58,6 +58,8 @@ protected:
             candidate->setAllowedOrigins(allowedOrigins);
             if (healthSource)
                 candidate->setHealthSource(healthSource);
+            if (maxClients > 0)
+                candidate->setMaxClients(maxClients);
             ServerThread* server = candidate.get();
             // Emitted on the server thread; the service admits from inside the handler too.
             QObject::connect(candidate.get(), &ServerThread::onClientConnected, candidate.get(),
@@ -90,9 +92,10 @@ protected:
         return announced;
     }
 
-    // Fixtures that restrict origins or serve /health set these in their constructor.
+    // Fixtures that restrict origins or clients, or serve /health, set these in their constructor.
     QStringList allowedOrigins;
     std::function<QByteArray()> healthSource;
+    int maxClients = 0;
     TestCertificate cert;
     QTemporaryDir logDir;
     quint16 port = 0;

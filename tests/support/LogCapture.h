@@ -51,6 +51,11 @@ public:
         }));
     }
     int count(const QString& fragment) const { return count(QStringList{fragment}); }
+    QStringList lines(const QString& fragment) const
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return captured.filter(fragment);
+    }
     bool contains(const QStringList& fragments) const { return count(fragments) > 0; }
     bool contains(const QString& fragment) const { return count(fragment) > 0; }
 

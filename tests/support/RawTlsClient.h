@@ -3,7 +3,9 @@
 #include <QByteArray>
 #include <QList>
 
+#include <openssl/evp.h>
 #include <openssl/ssl.h>
+#include <openssl/x509.h>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -14,6 +16,9 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <memory>
+
+using SessionPtr = std::unique_ptr<SSL_SESSION, void (*)(SSL_SESSION*)>;
 
 // A wss client with every step in the test's hands, for clients that misbehave: blocking
 // OpenSSL on a plain socket, TLS 1.2, no certificate check. Every wait is bounded.
@@ -50,15 +55,35 @@ public:
         return ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
     }
 
-    bool startTls()
+    // Offers `resume` when given; without tickets, a session can only resume by its ID.
+    bool startTls(SSL_SESSION* resume = nullptr, bool tickets = true)
     {
         context = SSL_CTX_new(TLS_client_method());
         SSL_CTX_set_max_proto_version(context, TLS1_2_VERSION);
+        if (!tickets)
+            SSL_CTX_set_options(context, SSL_OP_NO_TICKET);
         ssl = SSL_new(context);
         SSL_set_fd(ssl, fd);
+        if (resume)
+            SSL_set_session(ssl, resume);
         return SSL_connect(ssl) == 1;
     }
     bool connect(quint16 port) { return connectTcp(port) && startTls(); }
+
+    // The TLS goodbye: a session whose connection just dropped is never offered again.
+    void closeTls() { SSL_shutdown(ssl); }
+    SessionPtr session() const { return SessionPtr(SSL_get1_session(ssl), SSL_SESSION_free); }
+    bool resumed() const { return SSL_session_reused(ssl) == 1; }
+    // SHA-256 of the DER certificate of the session, as TestCertificate::sha256() has it.
+    QByteArray peerSha256() const
+    {
+        X509* cert = SSL_get0_peer_certificate(ssl);
+        unsigned char digest[EVP_MAX_MD_SIZE];
+        unsigned int length = 0;
+        if (!cert || X509_digest(cert, EVP_sha256(), digest, &length) != 1)
+            return {};
+        return QByteArray(reinterpret_cast<const char*>(digest), int(length));
+    }
 
     bool write(const QByteArray& bytes)
     {

@@ -87,6 +87,11 @@ struct WssClientGroup::Impl
                 return;
             index = started++;
         }
+        start(index);
+    }
+
+    void start(int index)
+    {
         websocketpp::lib::error_code ec;
         Client::connection_ptr con = endpoint.get_connection(uri, ec);
         if (ec) {
@@ -139,11 +144,29 @@ struct WssClientGroup::Impl
         Client::connection_ptr con = endpoint.get_con_from_hdl(hdl, ignored);
         const std::string reason = con ? con->get_ec().message() : std::string();
         const int status = con ? con->get_response_code() : 0;
+        if (retryPause.count() > 0 && !closing) {
+            if (!neverOpen) {
+                std::lock_guard<std::mutex> lock(mutex);
+                --openNow;
+            }
+            retryLater(index);
+            return;
+        }
         markEnded(index, status, reason, !neverOpen);
         if (neverOpen)
             startNext();
         else if (onClose && !closing)
             onClose(index, reason);
+    }
+
+    void retryLater(int index)
+    {
+        ++retries;
+        auto timer = std::make_shared<boost::asio::steady_timer>(endpoint.get_io_service(), retryPause);
+        timer->async_wait([this, index, timer](const boost::system::error_code& ec) {
+            if (!ec && !closing)
+                start(index);
+        });
     }
 
     void markEnded(int index, int status, const std::string& reason, bool wasOpen)
@@ -183,6 +206,7 @@ struct WssClientGroup::Impl
     std::string uri;
     std::string origin;
     std::vector<std::string> subprotocols;
+    std::chrono::milliseconds retryPause{0};
 
     mutable std::mutex mutex;
     std::condition_variable changed;
@@ -193,6 +217,7 @@ struct WssClientGroup::Impl
     int openedTotal = 0;
     int failedTotal = 0;
     std::atomic<bool> closing{false};
+    std::atomic<int> retries{0};
     std::string error;
 };
 
@@ -215,6 +240,12 @@ void WssClientGroup::setSubprotocols(const std::vector<std::string>& names)
     d->subprotocols = names;
 }
 
+void WssClientGroup::setRetry(std::chrono::milliseconds pause)
+{
+    std::lock_guard<std::mutex> lock(d->mutex);
+    d->retryPause = pause;
+}
+
 bool WssClientGroup::connect(uint16_t port, int count, std::chrono::milliseconds timeout, int inFlight)
 {
     {
@@ -234,7 +265,7 @@ bool WssClientGroup::connect(uint16_t port, int count, std::chrono::milliseconds
 
     std::unique_lock<std::mutex> lock(d->mutex);
     d->changed.wait_for(lock, timeout, [this] {
-        return d->openedTotal == d->target || d->failedTotal > 0;
+        return (d->retryPause.count() > 0 ? d->openNow : d->openedTotal) == d->target || d->failedTotal > 0;
     });
     if (d->openedTotal == d->target && d->openNow == d->target)
         return true;
@@ -293,6 +324,11 @@ std::string WssClientGroup::subprotocol(int connection) const
 {
     std::lock_guard<std::mutex> lock(d->mutex);
     return connection < d->started ? d->connections[static_cast<size_t>(connection)].subprotocol : std::string();
+}
+
+int WssClientGroup::retries() const
+{
+    return d->retries;
 }
 
 std::string WssClientGroup::lastError() const

@@ -29,6 +29,9 @@ public:
     void setOrigin(const std::string& origin);
     // Offers these subprotocols, in this order, with each handshake; none by default.
     void setSubprotocols(const std::vector<std::string>& names);
+    // A connection that fails or closes is tried again after `pause` (no CloseHandler call), and
+    // connect() waits until all are open at once. Before connect().
+    void setRetry(std::chrono::milliseconds pause);
     // Opens `count` connections (numbered from 0) to wss://127.0.0.1:port, at most `inFlight`
     // handshakes at a time so a busy server is not flooded. Call once per group. True once
     // all are open; false when one failed or the time ran out.
@@ -47,6 +50,8 @@ public:
     // The Sec-WebSocket-Protocol the server answered with; empty before the connection is open
     // and when it chose none.
     std::string subprotocol(int connection) const;
+    // How often a connection was tried again (see setRetry).
+    int retries() const;
     // Why the last connection failed or closed, as the library put it.
     std::string lastError() const;
 
