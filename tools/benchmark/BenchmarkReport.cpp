@@ -159,6 +159,75 @@ void printRestarts(std::ostream& out, const BenchmarkReport& report)
     out << "\n";
 }
 
+std::optional<double> perSecond(const StormResult& storm)
+{
+    if (storm.seconds <= 0)
+        return std::nullopt;
+    return storm.connections / storm.seconds;
+}
+
+std::optional<double> ratio(const std::optional<double>& value, const std::optional<double>& floor)
+{
+    if (!value || !floor || *floor <= 0)
+        return std::nullopt;
+    return *value / *floor;
+}
+
+const RoundResult* quietRound(const std::vector<RoundResult>& rounds)
+{
+    for (const RoundResult& round : rounds) {
+        if (round.clients == 1 && !round.serviceShare.empty())
+            return &round;
+    }
+    return nullptr;
+}
+
+void printStorm(std::ostream& out, const BenchmarkReport& report)
+{
+    const StormResult& storm = report.storm;
+    out << "Connect storm: " << storm.loops << " loops on " << storm.threads
+        << " threads connect, upgrade, read the greeting's first message\n"
+           "and close, while one more client times taps; the service's own share, PC/SC to the TAG\n";
+    line(out, "", {"p50", "p95", "max"});
+    const auto row = [&](const std::string& label, const std::vector<double>& values) {
+        const LatencySummary s = LatencySummary::of(values);
+        line(out, label + ", " + std::to_string(values.size()) + " taps", {ms(s.p50), ms(s.p95), ms(s.max)});
+    };
+    if (!storm.taps.serviceShare.empty())
+        row("during the storm", storm.taps.serviceShare);
+    if (const RoundResult* quiet = quietRound(report.rounds))
+        row("quiet, 1 client", quiet->serviceShare);
+    if (const std::optional<double> rate = perSecond(storm))
+        line(out, "connections served during the storm",
+             {fixed(*rate, 0, " per second") + " (" + std::to_string(storm.connections) + " in "
+              + fixed(storm.seconds, 1, " s") + ", " + std::to_string(storm.failed) + " failed)"},
+             0);
+    for (const std::string& error : {storm.taps.error, storm.error}) {
+        if (!error.empty())
+            out << "  stopped early: " << error << "\n";
+    }
+    out << "\n";
+}
+
+void printReconnects(std::ostream& out, const BenchmarkReport& report)
+{
+    const ReconnectResult& r = report.reconnect;
+    const auto cpu = [](const std::optional<double>& value) { return value ? fixed(*value, 3, " ms") : "-"; };
+    out << "Reconnecting: " << r.connections
+        << " connections one after another (TLS, upgrade, the greeting's first message, close)\n";
+    line(out, "", {"the service's CPU per connection"}, 34);
+    line(out, "a full handshake each", {cpu(r.fullCpuMs)}, 34);
+    line(out, "each resuming the session of a first one", {cpu(r.resumedCpuMs)}, 34);
+    if (const std::optional<double> resumedToFull = ratio(r.resumedCpuMs, r.fullCpuMs))
+        line(out, "resumed / full", {fixed(*resumedToFull, 2, "")}, 34);
+    if (r.resumedCpuMs)
+        out << "  resumed: " << r.resumed << " of " << r.connections
+            << (r.resumed == 0 ? " (the service did not resume)" : "") << "\n";
+    if (!r.error.empty())
+        out << "  stopped early: " << r.error << "\n";
+    out << "\n";
+}
+
 // The round with `clients` clients, else the largest one measured.
 const RoundResult* roundFor(const std::vector<RoundResult>& rounds, int clients)
 {
@@ -176,33 +245,43 @@ const RoundResult* roundFor(const std::vector<RoundResult>& rounds, int clients)
 
 void printGoals(std::ostream& out, const BenchmarkReport& report)
 {
-    out << std::left << std::setw(labelWidth + 2) << "Against the goals (upper limits)" << std::right
-        << std::setw(16) << "measured" << std::setw(18) << "goal" << "\n";
-    const auto row = [&](const std::string& label, const std::string& measured, const std::string& goal) {
-        out << "  " << std::left << std::setw(labelWidth) << label << std::right << std::setw(16) << measured
-            << std::setw(18) << goal << "\n";
+    out << std::left << std::setw(labelWidth + 2) << "Against the goals (upper limits)" << std::right << std::setw(16)
+        << "measured" << std::setw(10) << "floor" << std::setw(8) << "ratio" << std::setw(18) << "goal" << "\n";
+    const auto row = [&](const std::string& label, const std::string& measured, const std::string& goal,
+                         const std::string& floor = "", const std::optional<double>& times = std::nullopt) {
+        std::ostringstream text;
+        text << "  " << std::left << std::setw(labelWidth) << label << std::right << std::setw(16) << measured
+             << std::setw(10) << floor << std::setw(8) << (times ? fixed(*times, 2, "x") : "") << std::setw(18) << goal;
+        const std::string row = text.str();
+        out << row.substr(0, row.find_last_not_of(' ') + 1) << "\n";
     };
     const auto idle = [](const IdleResult& r) { return r.cpuPercent ? fixed(*r.cpuPercent, 3, " %") : "-"; };
 
-    const RoundResult* single = roundFor(report.rounds, 1);
-    if (single && single->clients == 1) {
-        const LatencySummary s = LatencySummary::of(single->serviceShare);
-        row("own share p50 / p95, 1 client", fixed(s.p50, 1, "") + " / " + ms(s.p95), "1 / 2 ms");
+    if (!report.storm.taps.serviceShare.empty()) {
+        const LatencySummary s = LatencySummary::of(report.storm.taps.serviceShare);
+        row("own share p50 / p95, connect storm", fixed(s.p50, 1, "") + " / " + ms(s.p95), "1 / 2 ms");
+        if (const std::optional<double> rate = perSecond(report.storm))
+            row("  connections served meanwhile", fixed(*rate, 0, " /s"), "");
     }
+    if (const RoundResult* quiet = quietRound(report.rounds))
+        row("own share p50, quiet (1 client)", ms(LatencySummary::of(quiet->serviceShare).p50), "0.5 ms");
     if (report.idleSeconds > 0) {
         row("idle CPU, both readers attached", idle(report.idleWithReaders), "0.02 %");
         row("idle CPU, pcscd up with no reader", idle(report.idleWithoutReader), "0.02 %");
     }
     if (const RoundResult* r = roundFor(report.rounds, 1000)) {
-        row("fan-out first to last p50, " + std::to_string(r->clients) + " clients",
-            ms(LatencySummary::of(r->firstToLast).p50), "15 ms at 1000");
-        if (r->plainTcpFloorMs)
-            row("  the same over plain TCP (the floor)", ms(*r->plainTcpFloorMs), "");
+        const double spread = LatencySummary::of(r->firstToLast).p50;
+        row("fan-out first to last p50, " + std::to_string(r->clients) + " clients", ms(spread), "1.5x the floor",
+            r->plainTcpFloorMs ? ms(*r->plainTcpFloorMs) : "", ratio(spread, r->plainTcpFloorMs));
         row("connect and greet " + std::to_string(r->clients) + " clients", fixed(r->connectSeconds, 2, " s"),
-            "0.8 s at 1000");
-        if (r->plainTlsFloorSeconds)
-            row("  bare TLS handshakes (the floor)", fixed(*r->plainTlsFloorSeconds, 2, " s"), "");
+            "1.3x the floor", r->plainTlsFloorSeconds ? fixed(*r->plainTlsFloorSeconds, 2, " s") : "",
+            ratio(r->connectSeconds, r->plainTlsFloorSeconds));
     }
+    const ReconnectResult& reconnect = report.reconnect;
+    if (reconnect.fullCpuMs && reconnect.resumedCpuMs)
+        row("service CPU per connection, resumed / full",
+            fixed(*reconnect.resumedCpuMs, 2, "") + " / " + fixed(*reconnect.fullCpuMs, 2, " ms"), "0.33x full", "",
+            ratio(reconnect.resumedCpuMs, reconnect.fullCpuMs));
     if (const RoundResult* r = roundFor(report.rounds, 10000)) {
         const std::optional<double> perClient = report.residentKiBPerClient(*r);
         row("memory per client, " + std::to_string(r->clients) + " clients",
@@ -226,7 +305,7 @@ void printGoals(std::ostream& out, const BenchmarkReport& report)
 bool BenchmarkReport::complete() const
 {
     if (!error.empty() || cancelled || !idleWithReaders.error.empty() || !idleWithoutReader.error.empty()
-        || !restarts.error.empty())
+        || !restarts.error.empty() || !storm.error.empty() || !storm.taps.error.empty() || !reconnect.error.empty())
         return false;
     for (const RoundResult& round : rounds) {
         if (!round.error.empty())
@@ -252,6 +331,10 @@ void BenchmarkReport::print(std::ostream& out) const
         printIdle(out, idleSeconds, idleWithReaders, idleWithoutReader);
     if (!rounds.empty())
         printFanOut(out, *this);
+    if (reconnects > 0)
+        printReconnects(out, *this);
+    if (stormSeconds > 0)
+        printStorm(out, *this);
     if (restartCycles > 0)
         printRestarts(out, *this);
     printGoals(out, *this);

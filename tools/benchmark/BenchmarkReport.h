@@ -46,10 +46,34 @@ struct RestartResult
     std::string error;
 };
 
+// Connect loops going as fast as they can while one more client times taps.
+struct StormResult
+{
+    int threads = 0;
+    int loops = 0;       // all threads together
+    double seconds = 0;  // from the first connect until the loops were told to stop
+    int connections = 0; // greeted meanwhile
+    int failed = 0;      // ended without a message
+    RoundResult taps;    // the one client's, measured as the quiet one's
+    std::string error;
+};
+
+// Connections one after another, each a full handshake, or each resuming the session of a first one.
+struct ReconnectResult
+{
+    int connections = 0;
+    std::optional<double> fullCpuMs; // the service's CPU time per connection
+    std::optional<double> resumedCpuMs;
+    int resumed = 0; // resuming connections the service did resume
+    std::string error;
+};
+
 struct BenchmarkReport
 {
     int idleSeconds = 0;
     int restartCycles = 0;
+    int stormSeconds = 0;
+    int reconnects = 0;
     int restartDeadlineSeconds = 0;
     IdleResult idleWithReaders;
     IdleResult idleWithoutReader;
@@ -57,6 +81,8 @@ struct BenchmarkReport
     std::optional<long> baselineResidentKiB;
     std::vector<RoundResult> rounds;
     RestartResult restarts;
+    StormResult storm;
+    ReconnectResult reconnect;
     std::string error;
     bool cancelled = false;
 

@@ -39,6 +39,10 @@ const int floorRounds = 10;
 // The service speaks TLS 1.2 only. A client that offers 1.3 as well makes a key pair for it that
 // is never used, on the same cores as the service: a fifth of each client's handshake.
 const WssClientGroup::TlsVersion clientTls = WssClientGroup::TlsVersion::V1_2;
+// Two client threads of 16 connect loops each: more than two cores can serve.
+const int stormThreads = 2;
+const int stormLoopsEach = 16;
+const auto loopsEndTimeout = 30s;
 
 double msBetween(Clock::time_point from, Clock::time_point to)
 {
@@ -102,6 +106,8 @@ BenchmarkRun::BenchmarkRun(BenchmarkOptions options) : options(std::move(options
     result.idleSeconds = this->options.idleSeconds;
     result.restartCycles = this->options.restartCycles;
     result.restartDeadlineSeconds = static_cast<int>(restartDeadline.count());
+    result.stormSeconds = this->options.stormSeconds;
+    result.reconnects = this->options.reconnects;
 }
 
 void BenchmarkRun::cancel()
@@ -144,6 +150,10 @@ void BenchmarkRun::measureWithReaders(const ServiceStack& target)
         // A round that failed leaves the next one its own clients and a chance.
         result.rounds.push_back(runRound(target, presence, clients, clients == 1 ? options.taps : options.fanOutTaps));
     }
+    if (options.reconnects > 0 && !cancelled)
+        measureReconnects(target);
+    if (options.stormSeconds > 0 && !cancelled)
+        measureStorm(target, presence);
 }
 
 void BenchmarkRun::measureIdleWithoutReader(const ServiceStack& target)
@@ -185,7 +195,8 @@ bool BenchmarkRun::connectClients(WssClientGroup& group, TagArrivals& arrivals, 
     return true;
 }
 
-RoundResult BenchmarkRun::runRound(const ServiceStack& target, ReaderPresenceWatch& presence, int clients, int taps)
+RoundResult BenchmarkRun::runRound(const ServiceStack& target, ReaderPresenceWatch& presence, int clients, int taps,
+                                   std::optional<Clock::time_point> until)
 {
     RoundResult round;
     round.clients = clients;
@@ -203,11 +214,12 @@ RoundResult BenchmarkRun::runRound(const ServiceStack& target, ReaderPresenceWat
     round.cpuPerConnectionMs = cpuMsEach(cpuBeforeConnect, cpuBeforeTaps, static_cast<size_t>(clients));
     round.residentKiB = ProcessStats::residentKiB(target.servicePid()).value_or(0);
 
-    progress(std::to_string(clients) + " client(s): " + std::to_string(taps) + " taps");
+    progress(std::to_string(clients) + " client(s): "
+             + (until ? "taps until the time is up" : std::to_string(taps) + " taps"));
     // Right after a removal the reader's poll cycle is at a known phase; a person's tap is not.
     std::mt19937 random(std::random_device{}());
     std::uniform_int_distribution<int> phase(0, static_cast<int>(readerPollInterval.count()) - 1);
-    for (int i = 0; i < taps && round.error.empty(); ++i) {
+    for (int i = 0; (until ? Clock::now() < *until : i < taps) && round.error.empty(); ++i) {
         if (!pause(std::chrono::milliseconds(phase(random))))
             break;
         const std::optional<Tap> times = tap(target, presence, arrivals, messageTimeout, &round.error);
@@ -232,6 +244,72 @@ RoundResult BenchmarkRun::runRound(const ServiceStack& target, ReaderPresenceWat
         round.plainTlsFloorSeconds = plainTlsHandshakesSeconds(clients);
     }
     return round;
+}
+
+void BenchmarkRun::measureReconnects(const ServiceStack& target)
+{
+    ReconnectResult& reconnect = result.reconnect;
+    const int count = options.reconnects;
+    reconnect.connections = count;
+    // One connection after another, each gone once it has the greeting's first message. The
+    // service's CPU time per connection; none when one failed.
+    const auto oneByOne = [&](WssClientGroup& group, int connections) -> std::optional<double> {
+        const CancelHook hook(*this, [&group] { group.stopCycling(); });
+        const std::optional<double> before = ProcessStats::cpuSeconds(target.servicePid());
+        if (!group.startCycling(target.port(), 1, connections)) {
+            reconnect.error = group.lastError();
+            return std::nullopt;
+        }
+        const bool ended = group.waitForLoops(std::chrono::seconds(60 + connections / 10));
+        const int greeted = group.cycled().greeted;
+        if (cancelled || !ended || greeted < connections) {
+            reconnect.error = cancelled ? "cancelled"
+                                        : std::to_string(greeted) + " of " + std::to_string(connections)
+                                              + " connections had a message in time (" + group.lastError() + ")";
+            return std::nullopt;
+        }
+        return cpuMsEach(before, ProcessStats::cpuSeconds(target.servicePid()), static_cast<size_t>(connections));
+    };
+
+    progress("reconnecting: " + std::to_string(count) + " connections, each with a full handshake");
+    WssClientGroup full({}, {}, clientTls);
+    reconnect.fullCpuMs = oneByOne(full, count);
+    if (!reconnect.error.empty())
+        return;
+    progress("reconnecting: " + std::to_string(count) + " connections, each resuming the first one's session");
+    WssClientGroup resuming({}, {}, clientTls);
+    resuming.setResumeSessions(true);
+    if (!oneByOne(resuming, 1))
+        return;
+    reconnect.resumedCpuMs = oneByOne(resuming, count);
+    reconnect.resumed = resuming.cycled().resumed;
+}
+
+void BenchmarkRun::measureStorm(const ServiceStack& target, ReaderPresenceWatch& presence)
+{
+    StormResult& storm = result.storm;
+    storm.threads = stormThreads;
+    storm.loops = stormThreads * stormLoopsEach;
+    progress("connect storm: " + std::to_string(storm.loops) + " connect loops for "
+             + std::to_string(options.stormSeconds) + " s, and one client timing taps");
+    std::vector<std::unique_ptr<WssClientGroup>> threads;
+    const auto start = Clock::now();
+    for (int i = 0; i < stormThreads; ++i) {
+        threads.push_back(std::make_unique<WssClientGroup>(WssClientGroup::MessageHandler(),
+                                                           WssClientGroup::CloseHandler(), clientTls));
+        threads.back()->startCycling(target.port(), stormLoopsEach);
+    }
+    storm.taps = runRound(target, presence, 1, 0, start + std::chrono::seconds(options.stormSeconds));
+    for (const auto& group : threads) {
+        const WssClientGroup::Cycled cycled = group->stopCycling();
+        storm.connections += cycled.greeted;
+        storm.failed += cycled.failed;
+    }
+    storm.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    for (const auto& group : threads) {
+        if (!group->waitForLoops(loopsEndTimeout))
+            storm.error = "the connect loops did not end in time";
+    }
 }
 
 void BenchmarkRun::measureRestarts(ServiceStack& target)

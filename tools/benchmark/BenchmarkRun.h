@@ -26,6 +26,8 @@ struct BenchmarkOptions
     std::vector<int> clients = {1, 100, 1000, 10000};
     int fanOutTaps = 10;   // for each number of clients but one
     int restartCycles = 20;
+    int stormSeconds = 30;
+    int reconnects = 200; // of each kind
 };
 
 // The measurements, stage by stage, into one report. Each stage blocks: run it on a thread of
@@ -36,7 +38,8 @@ class BenchmarkRun
 public:
     explicit BenchmarkRun(BenchmarkOptions options);
 
-    // Taps with one client, the idle service, then the fan-out to each number of clients.
+    // Taps with one client, the idle service, the fan-out to each number of clients, then
+    // reconnecting and the connect storm.
     void measureWithReaders(const ServiceStack& target);
     void measureIdleWithoutReader(const ServiceStack& target);
     // Kills and restarts the stack's pcscd on the application's main thread, which must be
@@ -69,7 +72,11 @@ private:
     };
 
     IdleResult measureIdle(qint64 pid);
-    RoundResult runRound(const ServiceStack& target, ReaderPresenceWatch& presence, int clients, int taps);
+    // `taps` taps, or as many as there are until `until`.
+    RoundResult runRound(const ServiceStack& target, ReaderPresenceWatch& presence, int clients, int taps,
+                         std::optional<TagArrivals::Clock::time_point> until = std::nullopt);
+    void measureReconnects(const ServiceStack& target);
+    void measureStorm(const ServiceStack& target, ReaderPresenceWatch& presence);
     bool connectClients(WssClientGroup& group, TagArrivals& arrivals, quint16 port, int clients, std::string* error);
     // Lays a fresh tag and takes it away once every client has its TAG or `messageTimeout`
     // has passed. Nothing when PC/SC did not see it come and go, or when cancelled.

@@ -97,7 +97,9 @@ int main(int argc, char** argv)
         "Measures the service on a private PC/SC daemon with virtual readers: the time from a card\n"
         "tap to the client's TAG message beside the PC/SC stack's own detection time, the idle\n"
         "service's CPU and memory with readers and with none, the time until the first and the last\n"
-        "of many clients has a TAG, and the tap after pcscd is killed and started again."));
+        "of many clients has a TAG, the service's CPU per connection with full and resumed TLS\n"
+        "handshakes, its share of a tap while connect loops storm it, and the tap after pcscd is\n"
+        "killed and started again."));
     parser.addHelpOption();
     const QCommandLineOption tapsOption(QStringLiteral("taps"), QStringLiteral("Taps with one client (default 50)."),
                                         QStringLiteral("n"));
@@ -114,15 +116,26 @@ int main(int argc, char** argv)
     const QCommandLineOption restartOption(QStringLiteral("restart-cycles"),
                                            QStringLiteral("Times pcscd is killed and started again (default 20; 0 skips)."),
                                            QStringLiteral("n"));
+    const QCommandLineOption stormOption(
+        QStringLiteral("storm-seconds"),
+        QStringLiteral("How long connect loops storm the service while one client times taps (default 30; 0 skips)."),
+        QStringLiteral("s"));
+    const QCommandLineOption reconnectsOption(
+        QStringLiteral("reconnects"),
+        QStringLiteral("Connections one after another, with full and with resumed TLS handshakes (default 200 each; "
+                       "0 skips)."),
+        QStringLiteral("n"));
     const QCommandLineOption quickOption(
         QStringLiteral("quick"),
-        QStringLiteral("A short run: 10 taps, 5 s idle, 1 and 100 clients, 3 taps each, 2 pcscd restarts."));
-    parser.addOptions({tapsOption, idleOption, clientsOption, fanOutTapsOption, restartOption, quickOption});
+        QStringLiteral("A short run: 10 taps, 5 s idle, 1 and 100 clients, 3 taps each, 2 pcscd restarts,\n"
+                       "50 reconnects, a 10 s connect storm."));
+    parser.addOptions({tapsOption, idleOption, clientsOption, fanOutTapsOption, restartOption, stormOption,
+                       reconnectsOption, quickOption});
     parser.process(app);
 
     BenchmarkOptions options;
     if (parser.isSet(quickOption))
-        options = BenchmarkOptions{10, 5, {1, 100}, 3, 2};
+        options = BenchmarkOptions{10, 5, {1, 100}, 3, 2, 10, 50};
     bool valid = true;
     if (parser.isSet(tapsOption))
         valid = valid && parseCount(parser.value(tapsOption), 1, &options.taps);
@@ -132,6 +145,10 @@ int main(int argc, char** argv)
         valid = valid && parseCount(parser.value(fanOutTapsOption), 1, &options.fanOutTaps);
     if (parser.isSet(restartOption))
         valid = valid && parseCount(parser.value(restartOption), 0, &options.restartCycles);
+    if (parser.isSet(stormOption))
+        valid = valid && parseCount(parser.value(stormOption), 0, &options.stormSeconds);
+    if (parser.isSet(reconnectsOption))
+        valid = valid && parseCount(parser.value(reconnectsOption), 0, &options.reconnects);
     if (parser.isSet(clientsOption)) {
         options.clients.clear();
         for (const QString& item : parser.value(clientsOption).split(QLatin1Char(','))) {
@@ -163,7 +180,7 @@ int main(int argc, char** argv)
         const auto& cycles = report.restarts.cycles;
         return std::count_if(report.rounds.begin(), report.rounds.end(), [](const RoundResult& r) { return !r.error.empty(); })
                + std::count_if(cycles.begin(), cycles.end(), [](const RestartCycle& c) { return !c.tag; })
-               + !report.restarts.error.empty();
+               + !report.restarts.error.empty() + !report.storm.taps.error.empty() + !report.reconnect.error.empty();
     };
     // A private daemon is one per process at a time: each stage brings its own. False, with
     // the reason in `error`, when the stack did not start.

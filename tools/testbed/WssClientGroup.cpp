@@ -17,6 +17,7 @@ namespace {
 
 using Client = websocketpp::client<websocketpp::config::asio_tls_client>;
 using TlsContext = boost::asio::ssl::context;
+using TlsSocket = boost::asio::ssl::stream<boost::asio::ip::tcp::socket>;
 
 std::string certificateSha256(SSL* ssl)
 {
@@ -53,6 +54,7 @@ struct Connection
     int status = 0;
     std::string peerSha256;
     std::string subprotocol;
+    bool hadMessage = false;
 };
 
 } // namespace
@@ -67,6 +69,10 @@ struct WssClientGroup::Impl
         endpoint.init_asio();
         endpoint.start_perpetual();
         endpoint.set_tls_init_handler([this](websocketpp::connection_hdl) { return tls; });
+        endpoint.set_socket_init_handler([this](websocketpp::connection_hdl, TlsSocket& socket) {
+            if (resume && session)
+                SSL_set_session(socket.native_handle(), session.get());
+        });
         ioThread = std::thread([this] { endpoint.run(); });
     }
 
@@ -87,17 +93,38 @@ struct WssClientGroup::Impl
                 return;
             index = started++;
         }
-        start(index);
+        if (!open(index))
+            startNext();
     }
 
-    void start(int index)
+    // Loop `index` of a cycling group goes on with a new connection, or ends.
+    void nextInLoop(int index)
+    {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            if (!cycling || (cycleTotal > 0 && cycleStarted >= cycleTotal)) {
+                --loopsRunning;
+                changed.notify_all();
+                return;
+            }
+            ++cycleStarted;
+            connections[static_cast<size_t>(index)].hadMessage = false;
+        }
+        if (!open(index)) {
+            std::lock_guard<std::mutex> lock(mutex);
+            --loopsRunning;
+            changed.notify_all();
+        }
+    }
+
+    // False when the connection could not even be made; it is marked as ended then.
+    bool open(int index)
     {
         websocketpp::lib::error_code ec;
         Client::connection_ptr con = endpoint.get_connection(uri, ec);
         if (ec) {
             markEnded(index, 0, ec.message(), false);
-            startNext();
-            return;
+            return false;
         }
         if (!origin.empty())
             con->replace_header("Origin", origin);
@@ -106,23 +133,48 @@ struct WssClientGroup::Impl
         con->set_open_handler([this, index](websocketpp::connection_hdl hdl) { opened(index, hdl); });
         con->set_fail_handler([this, index](websocketpp::connection_hdl hdl) { ended(index, hdl, true); });
         con->set_close_handler([this, index](websocketpp::connection_hdl hdl) { ended(index, hdl, false); });
-        con->set_message_handler([this, index](websocketpp::connection_hdl, Client::message_ptr message) {
+        con->set_message_handler([this, index](websocketpp::connection_hdl hdl, Client::message_ptr message) {
             const auto arrival = Clock::now();
             if (onMessage)
                 onMessage(index, message->get_payload(), arrival);
+            if (cycles)
+                firstMessage(index, hdl);
         });
         {
             std::lock_guard<std::mutex> lock(mutex);
             connections[static_cast<size_t>(index)].con = con;
         }
         endpoint.connect(con);
+        return true;
+    }
+
+    // A cycling connection has done its part with its first message.
+    void firstMessage(int index, websocketpp::connection_hdl hdl)
+    {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            Connection& c = connections[static_cast<size_t>(index)];
+            if (c.hadMessage)
+                return;
+            c.hadMessage = true;
+            ++cycled.greeted;
+        }
+        websocketpp::lib::error_code ignored;
+        Client::connection_ptr con = endpoint.get_con_from_hdl(hdl, ignored);
+        if (con)
+            con->close(websocketpp::close::status::normal, "", ignored);
     }
 
     void opened(int index, websocketpp::connection_hdl hdl)
     {
         websocketpp::lib::error_code ignored;
         Client::connection_ptr con = endpoint.get_con_from_hdl(hdl, ignored);
-        const std::string fingerprint = con ? certificateSha256(con->get_socket().native_handle()) : std::string();
+        SSL* ssl = con ? con->get_socket().native_handle() : nullptr;
+        const std::string fingerprint = ssl ? certificateSha256(ssl) : std::string();
+        // A copy: OpenSSL marks a session unfit to resume once its connection ends without a
+        // TLS goodbye.
+        if (resume && !session && ssl && SSL_get_session(ssl))
+            session.reset(SSL_SESSION_dup(SSL_get_session(ssl)));
         {
             std::lock_guard<std::mutex> lock(mutex);
             Connection& c = connections[static_cast<size_t>(index)];
@@ -132,6 +184,8 @@ struct WssClientGroup::Impl
             c.subprotocol = con ? con->get_response_header("Sec-WebSocket-Protocol") : std::string();
             ++openNow;
             ++openedTotal;
+            if (ssl && SSL_session_reused(ssl))
+                ++cycled.resumed;
         }
         changed.notify_all();
         startNext();
@@ -153,7 +207,14 @@ struct WssClientGroup::Impl
             return;
         }
         markEnded(index, status, reason, !neverOpen);
-        if (neverOpen)
+        if (cycles) {
+            {
+                std::lock_guard<std::mutex> lock(mutex);
+                if (!connections[static_cast<size_t>(index)].hadMessage)
+                    ++cycled.failed;
+            }
+            nextInLoop(index);
+        } else if (neverOpen)
             startNext();
         else if (onClose && !closing)
             onClose(index, reason);
@@ -165,7 +226,8 @@ struct WssClientGroup::Impl
         auto timer = std::make_shared<boost::asio::steady_timer>(endpoint.get_io_service(), retryPause);
         timer->async_wait([this, index, timer](const boost::system::error_code& ec) {
             if (!ec && !closing)
-                start(index);
+                if (!open(index))
+                    startNext();
         });
     }
 
@@ -219,6 +281,18 @@ struct WssClientGroup::Impl
     std::atomic<bool> closing{false};
     std::atomic<int> retries{0};
     std::string error;
+
+    // Cycling, instead of connect(): slot i is loop i, and each of its connections starts when
+    // the one before it has ended.
+    std::atomic<bool> cycles{false}; // set once, before the first loop starts
+    bool cycling = false;
+    int cycleTotal = 0; // 0: no limit
+    int cycleStarted = 0;
+    int loopsRunning = 0;
+    Cycled cycled;
+    // Touched on the io thread only, once resume is set.
+    bool resume = false;
+    std::unique_ptr<SSL_SESSION, void (*)(SSL_SESSION*)> session{nullptr, SSL_SESSION_free};
 };
 
 WssClientGroup::WssClientGroup(MessageHandler onMessage, CloseHandler onClose, TlsVersion tls)
@@ -272,6 +346,58 @@ bool WssClientGroup::connect(uint16_t port, int count, std::chrono::milliseconds
     if (d->failedTotal == 0)
         d->error = std::to_string(d->openedTotal) + " of " + std::to_string(d->target) + " connections open in time";
     return false;
+}
+
+void WssClientGroup::setResumeSessions(bool resume)
+{
+    boost::asio::post(d->endpoint.get_io_service(), [this, resume] {
+        d->resume = resume;
+        d->session.reset();
+    });
+}
+
+bool WssClientGroup::startCycling(uint16_t port, int loops, int total)
+{
+    {
+        std::lock_guard<std::mutex> lock(d->mutex);
+        if (loops < 1 || d->loopsRunning > 0 || (d->target != 0 && !d->cycles)) {
+            d->error = "startCycling() takes a positive count of loops, on a group that is not connected or cycling";
+            return false;
+        }
+        d->cycles = true;
+        d->uri = "wss://127.0.0.1:" + std::to_string(port);
+        d->connections.resize(std::max(d->connections.size(), static_cast<size_t>(loops)));
+        d->target = d->started = static_cast<int>(d->connections.size());
+        d->cycling = true;
+        d->cycleTotal = total;
+        d->cycleStarted = 0;
+        d->loopsRunning = loops;
+        d->cycled = Cycled{};
+    }
+    boost::asio::post(d->endpoint.get_io_service(), [this, loops] {
+        for (int i = 0; i < loops; ++i)
+            d->nextInLoop(i);
+    });
+    return true;
+}
+
+WssClientGroup::Cycled WssClientGroup::stopCycling()
+{
+    std::lock_guard<std::mutex> lock(d->mutex);
+    d->cycling = false;
+    return d->cycled;
+}
+
+bool WssClientGroup::waitForLoops(std::chrono::milliseconds timeout)
+{
+    std::unique_lock<std::mutex> lock(d->mutex);
+    return d->changed.wait_for(lock, timeout, [this] { return d->loopsRunning == 0; });
+}
+
+WssClientGroup::Cycled WssClientGroup::cycled() const
+{
+    std::lock_guard<std::mutex> lock(d->mutex);
+    return d->cycled;
 }
 
 bool WssClientGroup::send(int connection, const std::string& text)

@@ -36,6 +36,25 @@ public:
     // handshakes at a time so a busy server is not flooded. Call once per group. True once
     // all are open; false when one failed or the time ran out.
     bool connect(uint16_t port, int count, std::chrono::milliseconds timeout, int inFlight = 16);
+
+    // Instead of connect(): `loops` connections at a time, each closed cleanly as soon as it has
+    // its first message and followed by a new one, until `total` have been started (0: until
+    // stopCycling()). Once the loops have ended another run may start; the counts begin anew.
+    struct Cycled
+    {
+        int greeted = 0; // had their first message
+        int resumed = 0; // on a resumed TLS session
+        int failed = 0;  // ended without a message
+    };
+    bool startCycling(uint16_t port, int loops, int total = 0);
+    // The loops end with their current connections; the counts so far.
+    Cycled stopCycling();
+    // True once every loop has ended; false when the time ran out.
+    bool waitForLoops(std::chrono::milliseconds timeout);
+    Cycled cycled() const;
+    // Every connection offers to resume the TLS session of the first one opened after this call.
+    void setResumeSessions(bool resume);
+
     bool send(int connection, const std::string& text);
     void close(int connection); // clean WebSocket close
     void drop(int connection);  // vanish: shut the TCP socket down without a close frame
