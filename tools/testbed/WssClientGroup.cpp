@@ -225,9 +225,8 @@ struct WssClientGroup::Impl
         ++retries;
         auto timer = std::make_shared<boost::asio::steady_timer>(endpoint.get_io_service(), retryPause);
         timer->async_wait([this, index, timer](const boost::system::error_code& ec) {
-            if (!ec && !closing)
-                if (!open(index))
-                    startNext();
+            if (!ec && !closing && !open(index))
+                startNext();
         });
     }
 
