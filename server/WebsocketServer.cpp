@@ -35,7 +35,6 @@ WebsocketServer::WebsocketServer(unsigned short port, const QString& certFile,
     , errorLog(openLibraryLog(logPath + QStringLiteral("error.log")))
     , tls(certFile, keyFile)
     , ioContext(1)
-    , strand(ioContext)
     , accept(endpoint, ioContext)
     , allowedOrigins(origins)
     , callbacks(std::move(callbacks))
@@ -90,11 +89,40 @@ void WebsocketServer::run()
     const auto keepRunning = boost::asio::make_work_guard(ioContext);
     while (!stopped) {
         try {
-            ioContext.run();
+            runPosted();
+            if (!stopped)
+                ioContext.run_one();
         } catch (const std::exception& error) {
             // One failing handler must not end the service for every other client.
             TLOG_ERROR() << "WebSocket server:" << error.what();
         }
+    }
+}
+
+void WebsocketServer::post(std::function<void()> work)
+{
+    {
+        const std::lock_guard<std::mutex> lock(postedMutex);
+        posted.push_back(std::move(work));
+    }
+    // Wakes run_one() when it waits for the network; otherwise a no-op in the queue.
+    boost::asio::post(ioContext, [] {});
+}
+
+void WebsocketServer::runPosted()
+{
+    // One at a time, so that work posted while this runs goes first as well, and a piece that
+    // throws leaves the rest queued.
+    while (!stopped) {
+        std::function<void()> work;
+        {
+            const std::lock_guard<std::mutex> lock(postedMutex);
+            if (posted.empty())
+                return;
+            work = std::move(posted.front());
+            posted.pop_front();
+        }
+        work();
     }
 }
 

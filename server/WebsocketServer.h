@@ -15,7 +15,9 @@
 #include <websocketpp/processors/hybi13.hpp>
 #include <websocketpp/server.hpp>
 
+#include <deque>
 #include <functional>
+#include <mutex>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -56,12 +58,9 @@ public:
     void run();
 
     // Any thread: queues work for the server thread. Work posted from one thread runs in
-    // the order it was posted.
-    template <typename Work>
-    void post(Work&& work)
-    {
-        boost::asio::post(strand, std::forward<Work>(work));
-    }
+    // the order it was posted, and ahead of the library's own handlers: a card event waits
+    // for the one handler that is running, not behind a queue of TLS handshakes.
+    void post(std::function<void()> work);
 
     // Server thread only. A client that cannot be sent to is logged and skipped.
     void sendToAll(const QString& message);
@@ -94,17 +93,21 @@ private:
     std::unique_ptr<std::ostream> errorLog;
     TlsCredentials tls;
 
-    // Ours rather than the library's, so that the strand below can be made with it. Run by
-    // one thread only, which spares handlers posted from that thread the queue's lock.
+    // Ours rather than the library's, so that run() can interleave the posted work with it.
+    // Run by one thread only, which spares handlers posted from that thread the queue's lock.
     boost::asio::io_context ioContext;
     Endpoint endpoint;
-    boost::asio::io_context::strand strand;
     AcceptLoop accept;
     OriginAllowList allowedOrigins;
     Callbacks callbacks;
     HealthRequests healthRequests;
     AdmittedClients admitted;
     bool stopped = false;
+
+    // Posted work, run between the library's handlers.
+    void runPosted();
+    std::mutex postedMutex;
+    std::deque<std::function<void()>> posted;
 
     // Frames every client of the current protocol accepts, made once per broadcast.
     EndpointConfig::rng_type rng;
