@@ -26,6 +26,14 @@ ServiceSupervisor::ServiceSupervisor(SystemdNotifier notifierToUse, ServiceHealt
 {
     if (!isActive())
         return;
+    // A connection rather than invokeMethod() with a functor: the functor would be freed by
+    // whichever thread let go of it last, behind Qt's back.
+    connect(this, &ServiceSupervisor::statusHop, this,
+            [this] {
+                statusHopPending = false;
+                sendStatus();
+            },
+            Qt::QueuedConnection);
     health.setChangeListener([this] { statusChanged(); });
     if (period) {
         watchdogTimer.setInterval(cardBeatInterval());
@@ -107,13 +115,7 @@ void ServiceSupervisor::statusChanged()
 {
     if (statusHopPending.exchange(true))
         return;
-    QMetaObject::invokeMethod(
-        this,
-        [this] {
-            statusHopPending = false;
-            sendStatus();
-        },
-        Qt::QueuedConnection);
+    emit statusHop();
 }
 
 void ServiceSupervisor::sendStatus()

@@ -52,6 +52,10 @@ public slots:
     // One watchdog round; the timer's, every half period.
     void checkLiveness();
 
+signals:
+    // Carries a status change from any thread to main.
+    void statusHop();
+
 private:
     void statusChanged();
     void sendStatus();
