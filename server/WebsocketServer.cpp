@@ -105,8 +105,10 @@ void WebsocketServer::post(std::function<void()> work)
         const std::lock_guard<std::mutex> lock(postedMutex);
         posted.push_back(std::move(work));
     }
-    // Wakes run_one() when it waits for the network; otherwise a no-op in the queue.
-    boost::asio::post(ioContext, [] {});
+    // Wakes run_one() when it waits for the network. The server thread itself (a greeting sent
+    // from the open handler) needs no wake: the queue is drained after the running handler.
+    if (!ioContext.get_executor().running_in_this_thread())
+        boost::asio::post(ioContext, [] {});
 }
 
 void WebsocketServer::runPosted()
