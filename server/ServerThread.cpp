@@ -47,23 +47,26 @@ ServerThread::~ServerThread()
     server.reset();
 }
 
+// run() reads the settings without a lock, which is only safe before the thread exists.
+bool ServerThread::tooLateFor(const char* setting) const
+{
+    if (!isRunning())
+        return false;
+    TLOG_WARN().noquote() << QStringLiteral("ServerThread: %1 must be set before the server starts; ignored.")
+                                 .arg(QLatin1String(setting));
+    return true;
+}
+
 void ServerThread::setAllowedOrigins(const QStringList& origins)
 {
-    // run() reads the list without a lock, which is only safe before the thread exists.
-    if (isRunning()) {
-        TLOG_WARN() << "ServerThread: allowed origins must be set before the server starts;"
-                    << "ignored.";
-        return;
-    }
-    allowedOrigins = origins;
+    if (!tooLateFor("allowed origins"))
+        allowedOrigins = origins;
 }
 
 void ServerThread::setLogCardIds(bool enabled)
 {
-    if (isRunning()) {
-        TLOG_WARN() << "ServerThread: logcardids must be set before the server starts; ignored.";
+    if (tooLateFor("logcardids"))
         return;
-    }
     logCardIds = enabled;
     if (enabled)
         TLOG_WARN() << "Card IDs are being logged (logcardids=true).";
@@ -71,20 +74,14 @@ void ServerThread::setLogCardIds(bool enabled)
 
 void ServerThread::setHealthSource(std::function<QByteArray()> source)
 {
-    if (isRunning()) {
-        TLOG_WARN() << "ServerThread: the health source must be set before the server starts; ignored.";
-        return;
-    }
-    healthSource = std::move(source);
+    if (!tooLateFor("the health source"))
+        healthSource = std::move(source);
 }
 
 void ServerThread::setMaxClients(int count)
 {
-    if (isRunning()) {
-        TLOG_WARN() << "ServerThread: maxclients must be set before the server starts; ignored.";
-        return;
-    }
-    maxClients = count;
+    if (!tooLateFor("maxclients"))
+        maxClients = count;
 }
 
 bool ServerThread::waitForInit()

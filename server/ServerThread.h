@@ -74,6 +74,8 @@ protected:
     void run() override;
 
 private:
+    // True, after a warning, once the thread runs: settings only take effect before.
+    bool tooLateFor(const char* setting) const;
     void serve();
     // Runs work(WebsocketServer&) on the server thread; dropped, with a warning, when there is
     // no server.

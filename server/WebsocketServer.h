@@ -77,6 +77,7 @@ private:
     void messageHandler(websocketpp::connection_hdl hdl, message_ptr msg);
     bool pingHandler(websocketpp::connection_hdl hdl, const std::string& payload);
     void httpHandler(websocketpp::connection_hdl hdl);
+    void runPosted();
     void admittedChanged();
 
     // False, after dropping the client, when `bytes` more would pass its bound of unsent data.
@@ -105,7 +106,6 @@ private:
     bool stopped = false;
 
     // Posted work, run between the library's handlers.
-    void runPosted();
     std::mutex postedMutex;
     std::deque<std::function<void()>> posted;
 
