@@ -53,8 +53,8 @@ private:
     using LoadedPair = std::unique_ptr<SSL_CTX, void (*)(SSL_CTX*)>;
     static LoadedPair load(const QString& certFile, const QString& keyFile, QString& problem);
     static FileStamp stampOf(const QString& path);
-    // OpenSSL's callbacks, run on the server thread: as each handshake starts, and once it is
-    // settled that the handshake is a full one.
+    // OpenSSL's callbacks, run on the thread of the handshakes: as each handshake starts, and
+    // once it is settled that the handshake is a full one.
     static int onClientHello(SSL* ssl, int* alert, void* self);
     static int onCertificateNeeded(SSL* ssl, void* self);
     bool applyTo(SSL* ssl);

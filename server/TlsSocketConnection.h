@@ -38,6 +38,7 @@ public:
     socket_type& get_socket() { return *socket; }
 
     void set_tls_init_handler(tls_init_handler h) { tlsInitHandler = std::move(h); }
+    void set_handshake_worker(HandshakeWorker* worker) { handshakeWorker = worker; }
     // What the accept loop ties to this connection's life: released only with the connection.
     void keepWhileAlive(std::shared_ptr<void> kept) { acceptState = std::move(kept); }
 
@@ -80,6 +81,7 @@ protected:
             return websocketpp::transport::asio::socket::make_error_code(
                 socket_errors::invalid_tls_context);
         socket = std::make_shared<socket_type>(*service, *context);
+        socket->setHandshakeWorker(handshakeWorker);
         server = isServer;
         return websocketpp::lib::error_code();
     }
@@ -118,7 +120,7 @@ protected:
     boost::system::error_code cancel_socket()
     {
         boost::system::error_code ec;
-        get_raw_socket().cancel(ec);
+        socket->cancel(ec);
         return ec;
     }
 
@@ -134,6 +136,7 @@ private:
     websocketpp::lib::error_code lastError;
     websocketpp::connection_hdl hdl;
     tls_init_handler tlsInitHandler;
+    HandshakeWorker* handshakeWorker = nullptr;
     std::shared_ptr<void> acceptState;
 };
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "HandshakeWorker.h"
+
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
@@ -12,6 +14,7 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <functional>
 #include <utility>
 #include <vector>
 
@@ -19,7 +22,9 @@
 // stream keeps two 17 KiB record buffers and a 34 KiB BIO pair for every connection, even an
 // idle one: most of what thousands of listening clients cost. Here an idle connection holds
 // little more than OpenSSL's session state (its buffers are released when idle).
-// Used from the one thread that runs the socket's io_context.
+// Used from the one thread that runs the socket's io_context; with a HandshakeWorker, the
+// handshake's own steps run on the worker's thread, one at a time, while this one waits for the
+// socket. Nothing else touches the TLS state meanwhile: a shutdown asked for in between waits.
 class TlsStream
 {
 public:
@@ -41,6 +46,17 @@ public:
     next_layer_type& next_layer() { return socket; }
     SSL* native_handle() { return ssl; }
 
+    // Before the handshake. The worker must outlive every handshake it is given.
+    void setHandshakeWorker(HandshakeWorker* worker) { handshakeWorker = worker; }
+
+    // Like the socket's cancel(), and a handshake step on the worker ends as cancelled as well.
+    void cancel(boost::system::error_code& ec)
+    {
+        if (stepElsewhere)
+            cancelled = true;
+        socket.cancel(ec);
+    }
+
     // Handler: void(error_code)
     template <typename Handler>
     void async_handshake(boost::asio::ssl::stream_base::handshake_type type, Handler&& handler)
@@ -58,6 +74,8 @@ public:
             SSL_set_accept_state(ssl);
         else
             SSL_set_connect_state(ssl);
+        if (handshakeWorker)
+            return handshakeStepElsewhere(HandshakeHandler(std::forward<Handler>(handler)));
         perform([this] { return SSL_do_handshake(ssl); },
                 withoutSize(std::forward<Handler>(handler)));
     }
@@ -66,6 +84,15 @@ public:
     template <typename Handler>
     void async_shutdown(Handler&& handler)
     {
+        if (stepElsewhere) {
+            afterStep = [this, handler = std::forward<Handler>(handler)]() mutable {
+                async_shutdown(std::move(handler));
+            };
+            return;
+        }
+        // A handshake that is still waiting for its client gives up rather than run another step
+        // on the worker while this one uses the connection.
+        shuttingDown = true;
         perform(
             [this] {
                 const int result = SSL_shutdown(ssl);
@@ -106,6 +133,47 @@ public:
 
 private:
     static constexpr std::size_t maxRecord = 16384;
+    using HandshakeHandler = std::function<void(const boost::system::error_code&)>;
+
+    // One SSL_do_handshake on the worker; its outcome comes back to this thread.
+    void handshakeStepElsewhere(HandshakeHandler handler)
+    {
+        stepElsewhere = true;
+        handshakeWorker->run([this, handler = std::move(handler)]() mutable {
+            ERR_clear_error();
+            const int result = SSL_do_handshake(ssl);
+            const int error = result > 0 ? SSL_ERROR_NONE : SSL_get_error(ssl, result);
+            // The error queue and errno are this thread's: read them here.
+            const bool wants = error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE;
+            const boost::system::error_code ec = error == SSL_ERROR_NONE || wants
+                                                     ? boost::system::error_code()
+                                                     : errorCode(error, result);
+            boost::asio::post(socket.get_executor(), [this, error, ec, handler = std::move(handler)]() mutable {
+                handshakeStepDone(error, ec, std::move(handler));
+            });
+        });
+    }
+
+    void handshakeStepDone(int error, const boost::system::error_code& ec, HandshakeHandler handler)
+    {
+        stepElsewhere = false;
+        if (cancelled) {
+            cancelled = false;
+            handler(boost::asio::error::operation_aborted);
+        } else if (error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE) {
+            const auto wait = error == SSL_ERROR_WANT_READ ? lowest_layer_type::wait_read
+                                                           : lowest_layer_type::wait_write;
+            socket.async_wait(wait, [this, handler = std::move(handler)](const boost::system::error_code& waited) mutable {
+                if (waited || shuttingDown)
+                    return handler(waited ? waited : boost::asio::error::operation_aborted);
+                handshakeStepElsewhere(std::move(handler));
+            });
+        } else {
+            handler(ec);
+        }
+        if (afterStep)
+            std::exchange(afterStep, nullptr)();
+    }
 
     // OpenSSL's own socket BIO writes with write(), which raises SIGPIPE when the client has
     // gone; this one sends with MSG_NOSIGNAL, as asio does.
@@ -187,4 +255,10 @@ private:
     lowest_layer_type socket;
     SSL* ssl;
     std::vector<char> staging;
+    HandshakeWorker* handshakeWorker = nullptr;
+    // While a handshake step runs on the worker, and what was asked for meanwhile.
+    bool stepElsewhere = false;
+    bool cancelled = false;
+    bool shuttingDown = false;
+    std::function<void()> afterStep;
 };

@@ -50,6 +50,7 @@ WebsocketServer::WebsocketServer(unsigned short port, const QString& certFile,
     endpoint.set_access_channels(websocketpp::log::alevel::access_core);
 
     endpoint.init_asio(&ioContext);
+    endpoint.set_handshake_worker(&handshakes);
 
     endpoint.set_validate_handler(std::bind(&WebsocketServer::validateHandler, this, _1));
     endpoint.set_open_handler(std::bind(&WebsocketServer::openHandler, this, _1));

@@ -5,6 +5,7 @@
 #include "ClientProtocol.h"
 #include "ConnectionContext.h"
 #include "EndpointConfig.h"
+#include "HandshakeWorker.h"
 #include "HealthRequests.h"
 #include "OriginAllowList.h"
 #include "TlsCredentials.h"
@@ -99,6 +100,9 @@ private:
     boost::asio::io_context ioContext;
     Endpoint endpoint;
     AcceptLoop accept;
+    // Declared after the endpoint: stopped, and its queued handshakes dropped, before the
+    // connections they belong to are.
+    HandshakeWorker handshakes;
     OriginAllowList allowedOrigins;
     Callbacks callbacks;
     HealthRequests healthRequests;

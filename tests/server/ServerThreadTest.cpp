@@ -1,4 +1,5 @@
 #include "RunningServer.h"
+#include "WssClientGroup.h"
 
 #include <thread>
 
@@ -53,3 +54,14 @@ TEST_F(RunningServer, StopEndsRunWithClientsConnectedAndARestartListensAtOnce)
     EXPECT_TRUE(after.connect(port)) << after.lastError().toStdString();
 }
 
+
+TEST_F(GreetingServer, AStopWhileClientsStormInEndsPromptly)
+{
+    // Connections at every stage of their handshakes, some of them queued for the handshake
+    // thread, when the stop comes.
+    WssClientGroup storm({});
+    ASSERT_TRUE(storm.startCycling(port, 32));
+    ASSERT_TRUE(waitUntil([&] { return storm.cycled().greeted >= 100; }));
+    thread->stopServer();
+    EXPECT_TRUE(thread->wait(10000));
+}
