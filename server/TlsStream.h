@@ -15,6 +15,8 @@
 #include <cerrno>
 #include <cstddef>
 #include <functional>
+#include <memory>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -24,8 +26,9 @@
 // little more than OpenSSL's session state (its buffers are released when idle).
 // Used from the one thread that runs the socket's io_context; with a HandshakeWorker, the
 // handshake's own steps run on the worker's thread, one at a time, while this one waits for the
-// socket. Nothing else touches the TLS state meanwhile: a shutdown asked for in between waits.
-class TlsStream
+// socket. Nothing else touches the TLS state meanwhile: what is asked for in between waits.
+// Owned through a shared_ptr.
+class TlsStream : public std::enable_shared_from_this<TlsStream>
 {
 public:
     using lowest_layer_type = boost::asio::ip::tcp::socket;
@@ -48,6 +51,20 @@ public:
 
     // Before the handshake. The worker must outlive every handshake it is given.
     void setHandshakeWorker(HandshakeWorker* worker) { handshakeWorker = worker; }
+
+    // Writes `bytes` as one record ahead of the library's own queue, which must be empty, so a
+    // broadcast costs one call per client rather than a trip through that queue. False, having
+    // done nothing, while a write of the library's is under way; otherwise whatever is written
+    // later goes out after these bytes.
+    bool writeNow(const std::string& bytes)
+    {
+        if (libraryWriting || busy() || shuttingDown || bytes.empty() || bytes.size() > maxRecord)
+            return false;
+        // Kept: a record the socket could not take at once must be offered again as it was.
+        staging.assign(bytes.begin(), bytes.end());
+        finishOwnWrite(boost::system::error_code());
+        return true;
+    }
 
     // Like the socket's cancel(), and a handshake step on the worker ends as cancelled as well.
     void cancel(boost::system::error_code& ec)
@@ -84,10 +101,10 @@ public:
     template <typename Handler>
     void async_shutdown(Handler&& handler)
     {
-        if (stepElsewhere) {
-            afterStep = [this, handler = std::forward<Handler>(handler)]() mutable {
+        if (busy()) {
+            deferred.push_back([this, handler = std::forward<Handler>(handler)]() mutable {
                 async_shutdown(std::move(handler));
-            };
+            });
             return;
         }
         // A handshake that is still waiting for its client gives up rather than run another step
@@ -117,6 +134,13 @@ public:
     template <typename ConstBuffers, typename Handler>
     void async_write_some(const ConstBuffers& buffers, Handler&& handler)
     {
+        if (ownWritePending) {
+            // The buffers stay valid until the handler runs, as for any write.
+            deferred.push_back([this, buffers, handler = std::forward<Handler>(handler)]() mutable {
+                async_write_some(buffers, std::move(handler));
+            });
+            return;
+        }
         staging.clear();
         for (auto it = boost::asio::buffer_sequence_begin(buffers);
              it != boost::asio::buffer_sequence_end(buffers) && staging.size() < maxRecord; ++it) {
@@ -127,8 +151,13 @@ public:
         }
         if (staging.empty())
             return complete(std::forward<Handler>(handler), boost::system::error_code(), 0);
+        libraryWriting = true;
         perform([this] { return SSL_write(ssl, staging.data(), clamp(staging.size())); },
-                std::forward<Handler>(handler));
+                [this, handler = std::forward<Handler>(handler)](const boost::system::error_code& ec,
+                                                                 std::size_t written) mutable {
+                    libraryWriting = false;
+                    handler(ec, written);
+                });
     }
 
 private:
@@ -154,6 +183,37 @@ private:
         });
     }
 
+    bool busy() const { return stepElsewhere || ownWritePending; }
+
+    // Offers the staged record until the socket has taken it all, waiting for room as needed.
+    // A connection that fails or is cancelled meanwhile is closing: the rest is dropped.
+    void finishOwnWrite(const boost::system::error_code& waited)
+    {
+        ownWritePending = false;
+        if (!waited) {
+            ERR_clear_error();
+            const int result = SSL_write(ssl, staging.data(), clamp(staging.size()));
+            if (result <= 0 && SSL_get_error(ssl, result) == SSL_ERROR_WANT_WRITE) {
+                ownWritePending = true;
+                socket.async_wait(lowest_layer_type::wait_write,
+                                  [self = shared_from_this()](const boost::system::error_code& ec) {
+                                      self->finishOwnWrite(ec);
+                                  });
+                return;
+            }
+        }
+        runDeferred();
+    }
+
+    void runDeferred()
+    {
+        while (!busy() && !deferred.empty()) {
+            std::function<void()> next = std::move(deferred.front());
+            deferred.erase(deferred.begin());
+            next();
+        }
+    }
+
     void handshakeStepDone(int error, const boost::system::error_code& ec, HandshakeHandler handler)
     {
         stepElsewhere = false;
@@ -171,8 +231,7 @@ private:
         } else {
             handler(ec);
         }
-        if (afterStep)
-            std::exchange(afterStep, nullptr)();
+        runDeferred();
     }
 
     // OpenSSL's own socket BIO writes with write(), which raises SIGPIPE when the client has
@@ -260,5 +319,8 @@ private:
     bool stepElsewhere = false;
     bool cancelled = false;
     bool shuttingDown = false;
-    std::function<void()> afterStep;
+    // A record of writeNow() the socket has not taken yet, and a write of the library's.
+    bool ownWritePending = false;
+    bool libraryWriting = false;
+    std::vector<std::function<void()>> deferred;
 };

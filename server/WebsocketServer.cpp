@@ -143,7 +143,7 @@ void WebsocketServer::sendToAll(const QString& message)
 {
     if (admitted.isEmpty())
         return;
-    const message_ptr frame = prepareFrame(message);
+    const Frame frame = prepareFrame(message);
     sendTo(ClientProtocol::Original, frame);
     sendTo(ClientProtocol::Version2, frame);
 }
@@ -159,9 +159,9 @@ void WebsocketServer::sendToAll(const ProtocolTexts& texts)
     send(ClientProtocol::Version2, texts.version2);
 }
 
-void WebsocketServer::sendTo(ClientProtocol protocol, const message_ptr& frame)
+void WebsocketServer::sendTo(ClientProtocol protocol, const Frame& frame)
 {
-    if (!frame)
+    if (!frame.message)
         return;
     for (const websocketpp::connection_hdl& hdl : admitted.of(protocol)) {
         websocketpp::lib::error_code ec;
@@ -180,14 +180,15 @@ void WebsocketServer::admit(const ConnectionContext& context, const QStringList&
         return;
     }
     for (const QString& message : greeting) {
-        if (const message_ptr frame = prepareFrame(message))
+        const Frame frame = prepareFrame(message);
+        if (frame.message)
             deliver(connection, frame);
     }
     admitted.add(context.hdl, context.protocol);
     admittedChanged();
 }
 
-WebsocketServer::message_ptr WebsocketServer::prepareFrame(const QString& message)
+WebsocketServer::Frame WebsocketServer::prepareFrame(const QString& message)
 {
     // The payload ends at the first zero byte, like any C string handed to the library.
     const std::string payload(message.toUtf8().constData());
@@ -199,19 +200,23 @@ WebsocketServer::message_ptr WebsocketServer::prepareFrame(const QString& messag
         TLOG_WARN() << "Failed to send message: " << "(" << ec.message().c_str() << ")";
         return {};
     }
-    return frame;
+    std::string wire = frame->get_header() + frame->get_payload();
+    return {std::move(frame), std::move(wire)};
 }
 
-void WebsocketServer::deliver(const Endpoint::connection_ptr& connection, const message_ptr& frame)
+void WebsocketServer::deliver(const Endpoint::connection_ptr& connection, const Frame& frame)
 {
     // Dropped already, its close still to come.
     if (connection->get_state() != websocketpp::session::state::open)
         return;
-    if (!hasRoomFor(connection, frame->get_payload().size()))
+    // Nothing of the library's waits to go out before it: straight to the socket.
+    if (connection->get_buffered_amount() == 0 && connection->get_socket().writeNow(frame.wire))
+        return;
+    if (!hasRoomFor(connection, frame.message->get_payload().size()))
         return;
     // A client may vanish at any moment, and its close is handled only later; a send in that
     // window fails, and the others must still get the message.
-    if (const websocketpp::lib::error_code ec = connection->send(frame)) {
+    if (const websocketpp::lib::error_code ec = connection->send(frame.message)) {
         TLOG_WARN() << "ServerThread: could not send to client" << connection.get() << ":"
                     << ec.message().c_str();
     }

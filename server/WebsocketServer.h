@@ -84,10 +84,16 @@ private:
     // False, after dropping the client, when `bytes` more would pass its bound of unsent data.
     bool hasRoomFor(const Endpoint::connection_ptr& connection, size_t bytes);
 
-    // One frame for all recipients; null (and logged) when it cannot be made.
-    message_ptr prepareFrame(const QString& message);
-    void sendTo(ClientProtocol protocol, const message_ptr& frame);
-    void deliver(const Endpoint::connection_ptr& connection, const message_ptr& frame);
+    // One frame for all recipients: the library's, and the same as bytes on the wire. The
+    // message is null (and logged) when it cannot be made.
+    struct Frame
+    {
+        message_ptr message;
+        std::string wire;
+    };
+    Frame prepareFrame(const QString& message);
+    void sendTo(ClientProtocol protocol, const Frame& frame);
+    void deliver(const Endpoint::connection_ptr& connection, const Frame& frame);
 
     // The library's loggers write through raw pointers to these, so they must outlive endpoint;
     // and the connections the endpoint still holds at the end use the TLS context.
