@@ -23,6 +23,8 @@ struct Output
     std::mutex mutex;
     QByteArray unfinished;
     unsigned long long dropped = 0;
+    // Found once, rather than asked again with a failing call for every line.
+    bool notASocket = false;
 };
 
 // Never freed: Qt may hand over a message while static objects are being destroyed.
@@ -64,13 +66,16 @@ const char* priority(Level level)
 
 // What went out without waiting. O_NONBLOCK is not used: it belongs to the open file, which
 // the service shares with its terminal or whoever else holds the pipe.
-size_t writeNow(const QByteArray& data)
+size_t writeNow(const QByteArray& data, bool& notASocket)
 {
-    const ssize_t sent = send(STDERR_FILENO, data.constData(), size_t(data.size()), MSG_DONTWAIT | MSG_NOSIGNAL);
-    if (sent >= 0)
-        return size_t(sent);
-    if (errno != ENOTSOCK)
-        return 0;
+    if (!notASocket) {
+        const ssize_t sent = send(STDERR_FILENO, data.constData(), size_t(data.size()), MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (sent >= 0)
+            return size_t(sent);
+        if (errno != ENOTSOCK)
+            return 0;
+        notASocket = true;
+    }
     // A pipe with room for PIPE_BUF bytes takes that many whole; a broken one is left alone
     // rather than raising SIGPIPE.
     size_t done = 0;
@@ -125,7 +130,7 @@ void DebugOutput::output(const QString& message, Level level)
     Output& state = Log::output();
     std::lock_guard<std::mutex> lock(state.mutex);
     if (!state.unfinished.isEmpty()) {
-        state.unfinished.remove(0, int(writeNow(state.unfinished)));
+        state.unfinished.remove(0, int(writeNow(state.unfinished, state.notASocket)));
         if (!state.unfinished.isEmpty()) {
             ++state.dropped;
             return;
@@ -136,7 +141,7 @@ void DebugOutput::output(const QString& message, Level level)
         text = lineFor(QStringLiteral("Log: %1 line(s) not written to standard error.").arg(state.dropped),
                        LevelWarn, journal);
     text += lineFor(message, level, journal);
-    const size_t done = writeNow(text);
+    const size_t done = writeNow(text, state.notASocket);
     if (done == 0) {
         ++state.dropped;
         return;

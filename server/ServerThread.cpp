@@ -194,18 +194,19 @@ QString ServerThread::describe(const QStringList& messages) const
     return described.join(QLatin1String("; "));
 }
 
+// Logged once the message is on its way: the clients need not wait for the log.
 void ServerThread::sendToAll(const QString& message)
 {
-    TLOG_DEBUG().noquote() << "ServerThread::sendToAll:" << describe(message);
     queue([message](WebsocketServer& serving) { serving.sendToAll(message); });
+    TLOG_DEBUG().noquote() << "ServerThread::sendToAll:" << describe(message);
 }
 
 void ServerThread::sendToAll(const ProtocolTexts& texts)
 {
+    queue([texts](WebsocketServer& serving) { serving.sendToAll(texts); });
     // Version 2 names the reader.
     TLOG_DEBUG().noquote() << "ServerThread::sendToAll:"
                            << describe(texts.version2.isEmpty() ? texts.original : texts.version2);
-    queue([texts](WebsocketServer& serving) { serving.sendToAll(texts); });
 }
 
 void ServerThread::admitClient(ConnectionContext context, const QStringList& greeting)

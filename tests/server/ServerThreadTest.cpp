@@ -1,3 +1,4 @@
+#include "RawTlsClient.h"
 #include "RunningServer.h"
 #include "WssClientGroup.h"
 
@@ -54,6 +55,29 @@ TEST_F(RunningServer, StopEndsRunWithClientsConnectedAndARestartListensAtOnce)
     EXPECT_TRUE(after.connect(port)) << after.lastError().toStdString();
 }
 
+
+TEST_F(GreetingServer, LargeAndSmallMessagesKeepTheirOrderThoughTheyTakeDifferentWays)
+{
+    // Every third message is larger than one TLS record and waits in the library's queue; the
+    // small ones after it must not overtake it. The small receive buffer of this client lets
+    // the server's socket fill now and then as well.
+    RawTlsClient slow;
+    ASSERT_TRUE(slow.connect(port) && slow.upgrade());
+    ASSERT_TRUE(waitForClients(1));
+    // Within the bound of unsent data of a client that reads, though all are queued at once.
+    const int count = 90;
+    const QString large(17000, QLatin1Char('x'));
+    for (int i = 0; i < count; ++i)
+        thread->sendToAll(QString::number(i) + QLatin1Char(' ') + (i % 3 == 0 ? large : QStringLiteral("small")));
+
+    EXPECT_EQ(slow.readFrame(), QByteArray("reader A"));
+    EXPECT_EQ(slow.readFrame(), QByteArray("version"));
+    for (int i = 0; i < count; ++i) {
+        const std::optional<QByteArray> frame = slow.readFrame();
+        ASSERT_TRUE(frame) << "message " << i << " never came";
+        ASSERT_EQ(frame->left(frame->indexOf(' ')), QByteArray::number(i));
+    }
+}
 
 TEST_F(GreetingServer, AStopWhileClientsStormInEndsPromptly)
 {

@@ -13,10 +13,12 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <memory>
+#include <optional>
 
 using SessionPtr = std::unique_ptr<SSL_SESSION, void (*)(SSL_SESSION*)>;
 
@@ -140,6 +142,27 @@ public:
         return write(frame + QByteArray(4, '\0') + payload);
     }
 
+    // The payload of the server's next frame (unmasked, not fragmented); nothing when none came.
+    std::optional<QByteArray> readFrame()
+    {
+        QByteArray header;
+        if (!readExactly(2, header))
+            return std::nullopt;
+        quint64 length = quint8(header[1]) & 0x7f;
+        const int extended = length == 126 ? 2 : length == 127 ? 8 : 0;
+        if (extended > 0) {
+            if (!readExactly(extended, header))
+                return std::nullopt;
+            length = 0;
+            for (int i = 2; i < 2 + extended; ++i)
+                length = (length << 8) | quint8(header[i]);
+        }
+        QByteArray payload;
+        if (!readExactly(int(length), payload))
+            return std::nullopt;
+        return payload;
+    }
+
     // Reads and discards until the server ends the connection; false if it has not after
     // `timeoutMs`.
     bool waitForClose(int timeoutMs = 30000)
@@ -160,6 +183,19 @@ public:
     }
 
 private:
+    bool readExactly(int count, QByteArray& into)
+    {
+        const int wanted = into.size() + count;
+        char buffer[4096];
+        while (into.size() < wanted) {
+            const int got = SSL_read(ssl, buffer, std::min<int>(int(sizeof buffer), wanted - into.size()));
+            if (got <= 0)
+                return false;
+            into.append(buffer, got);
+        }
+        return true;
+    }
+
     void setTimeouts(int timeoutMs)
     {
         timeval limit{timeoutMs / 1000, (timeoutMs % 1000) * 1000};
