@@ -340,7 +340,8 @@ bool WssClientGroup::connect(uint16_t port, int count, std::chrono::milliseconds
     d->changed.wait_for(lock, timeout, [this] {
         return (d->retryPause.count() > 0 ? d->openNow : d->openedTotal) == d->target || d->failedTotal > 0;
     });
-    if (d->openedTotal == d->target && d->openNow == d->target)
+    // Retried, a connection the server closed after it opened is counted open again.
+    if (d->openNow == d->target && (d->retryPause.count() > 0 || d->openedTotal == d->target))
         return true;
     if (d->failedTotal == 0)
         d->error = std::to_string(d->openedTotal) + " of " + std::to_string(d->target) + " connections open in time";
