@@ -91,8 +91,9 @@ public:
             SSL_set_accept_state(ssl);
         else
             SSL_set_connect_state(ssl);
+        // The client speaks first: a step before its hello is here would only come back empty.
         if (handshakeWorker)
-            return handshakeStepElsewhere(HandshakeHandler(std::forward<Handler>(handler)));
+            return waitThenStepElsewhere(lowest_layer_type::wait_read, HandshakeHandler(std::forward<Handler>(handler)));
         perform([this] { return SSL_do_handshake(ssl); },
                 withoutSize(std::forward<Handler>(handler)));
     }
@@ -183,6 +184,15 @@ private:
         });
     }
 
+    void waitThenStepElsewhere(lowest_layer_type::wait_type wait, HandshakeHandler handler)
+    {
+        socket.async_wait(wait, [this, handler = std::move(handler)](const boost::system::error_code& waited) mutable {
+            if (waited || shuttingDown)
+                return handler(waited ? waited : boost::asio::error::operation_aborted);
+            handshakeStepElsewhere(std::move(handler));
+        });
+    }
+
     bool busy() const { return stepElsewhere || ownWritePending; }
 
     // Offers the staged record until the socket has taken it all, waiting for room as needed.
@@ -221,13 +231,9 @@ private:
             cancelled = false;
             handler(boost::asio::error::operation_aborted);
         } else if (error == SSL_ERROR_WANT_READ || error == SSL_ERROR_WANT_WRITE) {
-            const auto wait = error == SSL_ERROR_WANT_READ ? lowest_layer_type::wait_read
-                                                           : lowest_layer_type::wait_write;
-            socket.async_wait(wait, [this, handler = std::move(handler)](const boost::system::error_code& waited) mutable {
-                if (waited || shuttingDown)
-                    return handler(waited ? waited : boost::asio::error::operation_aborted);
-                handshakeStepElsewhere(std::move(handler));
-            });
+            waitThenStepElsewhere(error == SSL_ERROR_WANT_READ ? lowest_layer_type::wait_read
+                                                               : lowest_layer_type::wait_write,
+                                  std::move(handler));
         } else {
             handler(ec);
         }
