@@ -93,7 +93,8 @@ public:
             SSL_set_connect_state(ssl);
         // The client speaks first: a step before its hello is here would only come back empty.
         if (handshakeWorker)
-            return waitThenStepElsewhere(lowest_layer_type::wait_read, HandshakeHandler(std::forward<Handler>(handler)));
+            return waitThenStepElsewhere(lowest_layer_type::wait_read,
+                                         HandshakeHandler(std::forward<Handler>(handler)));
         perform([this] { return SSL_do_handshake(ssl); },
                 withoutSize(std::forward<Handler>(handler)));
     }
@@ -178,15 +179,17 @@ private:
             const boost::system::error_code ec = error == SSL_ERROR_NONE || wants
                                                      ? boost::system::error_code()
                                                      : errorCode(error, result);
-            boost::asio::post(socket.get_executor(), [this, error, ec, handler = std::move(handler)]() mutable {
-                handshakeStepDone(error, ec, std::move(handler));
-            });
+            boost::asio::post(socket.get_executor(),
+                              [this, error, ec, handler = std::move(handler)]() mutable {
+                                  handshakeStepDone(error, ec, std::move(handler));
+                              });
         });
     }
 
     void waitThenStepElsewhere(lowest_layer_type::wait_type wait, HandshakeHandler handler)
     {
-        socket.async_wait(wait, [this, handler = std::move(handler)](const boost::system::error_code& waited) mutable {
+        socket.async_wait(wait, [this, handler = std::move(handler)](
+                                    const boost::system::error_code& waited) mutable {
             if (waited || shuttingDown)
                 return handler(waited ? waited : boost::asio::error::operation_aborted);
             handshakeStepElsewhere(std::move(handler));

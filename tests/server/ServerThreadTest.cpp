@@ -68,7 +68,8 @@ TEST_F(GreetingServer, LargeAndSmallMessagesKeepTheirOrderThoughTheyTakeDifferen
     const int count = 90;
     const QString large(17000, QLatin1Char('x'));
     for (int i = 0; i < count; ++i)
-        thread->sendToAll(QString::number(i) + QLatin1Char(' ') + (i % 3 == 0 ? large : QStringLiteral("small")));
+        thread->sendToAll(QString::number(i) + QLatin1Char(' ')
+                          + (i % 3 == 0 ? large : QStringLiteral("small")));
 
     EXPECT_EQ(slow.readFrame(), QByteArray("reader A"));
     EXPECT_EQ(slow.readFrame(), QByteArray("version"));

@@ -188,7 +188,7 @@ private:
         const int wanted = into.size() + count;
         char buffer[4096];
         while (into.size() < wanted) {
-            const int got = SSL_read(ssl, buffer, std::min<int>(int(sizeof buffer), wanted - into.size()));
+            const int got = SSL_read(ssl, buffer, std::min(int(sizeof buffer), wanted - into.size()));
             if (got <= 0)
                 return false;
             into.append(buffer, got);
