@@ -15,7 +15,7 @@ public:
 
     bool is_secure() const { return true; }
     void set_tls_init_handler(tls_init_handler h) { tlsInitHandler = std::move(h); }
-    // Where the connections' handshakes run; none keeps them on the endpoint's thread.
+    // Where the connections' handshakes run; required before the first connection.
     void set_handshake_worker(HandshakeWorker* worker) { handshakeWorker = worker; }
 
 protected:

@@ -24,9 +24,9 @@
 // stream keeps two 17 KiB record buffers and a 34 KiB BIO pair for every connection, even an
 // idle one: most of what thousands of listening clients cost. Here an idle connection holds
 // little more than OpenSSL's session state (its buffers are released when idle).
-// Used from the one thread that runs the socket's io_context; with a HandshakeWorker, the
-// handshake's own steps run on the worker's thread, one at a time, while this one waits for the
-// socket. Nothing else touches the TLS state meanwhile: what is asked for in between waits.
+// Used from the one thread that runs the socket's io_context; the handshake's own steps run on
+// the HandshakeWorker's thread, one at a time, while this one waits for the socket. Nothing
+// else touches the TLS state meanwhile: what is asked for in between waits.
 // Owned through a shared_ptr.
 class TlsStream : public std::enable_shared_from_this<TlsStream>
 {
@@ -49,7 +49,7 @@ public:
     next_layer_type& next_layer() { return socket; }
     SSL* native_handle() { return ssl; }
 
-    // Before the handshake. The worker must outlive every handshake it is given.
+    // Before the handshake, which needs one. The worker must outlive every handshake it is given.
     void setHandshakeWorker(HandshakeWorker* worker) { handshakeWorker = worker; }
 
     // Writes `bytes` as one record ahead of the library's own queue, which must be empty, so a
@@ -92,11 +92,8 @@ public:
         else
             SSL_set_connect_state(ssl);
         // The client speaks first: a step before its hello is here would only come back empty.
-        if (handshakeWorker)
-            return waitThenStepElsewhere(lowest_layer_type::wait_read,
-                                         HandshakeHandler(std::forward<Handler>(handler)));
-        perform([this] { return SSL_do_handshake(ssl); },
-                withoutSize(std::forward<Handler>(handler)));
+        waitThenStepElsewhere(lowest_layer_type::wait_read,
+                              HandshakeHandler(std::forward<Handler>(handler)));
     }
 
     // Handler: void(error_code). Sends our close_notify; the peer's is not waited for.
