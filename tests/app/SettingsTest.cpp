@@ -1,4 +1,5 @@
 #include "Settings.h"
+#include "TestFiles.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -34,18 +35,10 @@ protected:
         file.setValue(key, value);
     }
 
-    void writeFile(const QByteArray& text)
+    void writeSettingsFile(const QByteArray& text)
     {
         QDir().mkpath(configDir.path() + "/TIV");
-        QFile file(settingsFile());
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(text);
-    }
-
-    QByteArray fileText() const
-    {
-        QFile file(settingsFile());
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+        ASSERT_TRUE(writeFile(settingsFile(), text));
     }
 
     QTemporaryDir configDir;
@@ -58,7 +51,7 @@ TEST_F(SettingsTest, DefaultsAreSavedAsFourKeysAndStoredValuesAreReadWithLevelAn
     EXPECT_FALSE(QFile::exists(settingsFile())) << "loading must never write";
     EXPECT_TRUE(settings.GetAllowedOrigins().isEmpty());
     settings.SaveSettings();
-    EXPECT_EQ(fileText().toStdString(), "[service]\ncertfile=localhost.pem\nkeyfile=localhost.key\n"
+    EXPECT_EQ(readFile(settingsFile()).toStdString(), "[service]\ncertfile=localhost.pem\nkeyfile=localhost.key\n"
                                         "logpath=/var/log/tiv-rfid-svc/\nport=8036\n");
 
     store("service/port", 9443);
@@ -151,51 +144,49 @@ TEST_F(SettingsTest, SaveLeavesWhatAnAdministratorWroteAndAddsOnlyTheMissingServ
                                 "logpath=/srv/tiv/log\n"
                                 "colour=blue\n\n"
                                 "[readers]\nalias.1 = Virtual PCD 00 * => Entrance\n";
-    writeFile(complete);
+    writeSettingsFile(complete);
     const ino_t before = inodeOf(settingsFile());
     settings.LoadSettings();
     settings.SaveSettings();
-    EXPECT_EQ(fileText().toStdString(), complete.toStdString());
+    EXPECT_EQ(readFile(settingsFile()).toStdString(), complete.toStdString());
     EXPECT_EQ(inodeOf(settingsFile()), before) << "a file with every key is not written at all";
 
     // Added after the last key of [service], before the next section's comment.
-    writeFile("[service]\r\n; the port\r\nport=9443\r\nlogpath=/srv/tiv/\r\n"
+    writeSettingsFile("[service]\r\n; the port\r\nport=9443\r\nlogpath=/srv/tiv/\r\n"
               "; readers\r\n[readers]\r\nignore=*SAM*\r\n");
     settings.LoadSettings();
     settings.SaveSettings();
-    EXPECT_EQ(fileText().toStdString(), "[service]\r\n; the port\r\nport=9443\r\nlogpath=/srv/tiv/\r\n"
+    EXPECT_EQ(readFile(settingsFile()).toStdString(), "[service]\r\n; the port\r\nport=9443\r\nlogpath=/srv/tiv/\r\n"
                                         "certfile=localhost.pem\r\nkeyfile=localhost.key\r\n"
                                         "; readers\r\n[readers]\r\nignore=*SAM*\r\n");
 
     // Keys are case-sensitive: [Service] and Port are not what the service reads.
-    writeFile("[Service]\nPort=1\n[readers]\nignore=*SAM*");
+    writeSettingsFile("[Service]\nPort=1\n[readers]\nignore=*SAM*");
     settings.LoadSettings();
     settings.SaveSettings();
-    EXPECT_EQ(fileText().toStdString(), "[Service]\nPort=1\n[readers]\nignore=*SAM*\n\n[service]\n"
+    EXPECT_EQ(readFile(settingsFile()).toStdString(), "[Service]\nPort=1\n[readers]\nignore=*SAM*\n\n[service]\n"
                                         "certfile=localhost.pem\nkeyfile=localhost.key\n"
                                         "logpath=/var/log/tiv-rfid-svc/\nport=8036\n");
 
     // Whatever a path holds, QSettings reads back the value in use.
     const QString awkward = QString::fromUtf8("@ /etc/tiv/k\u00e9b 1,\"2\";3=\\4\t ");
-    writeFile("[service]\nport=9443\n");
+    writeSettingsFile("[service]\nport=9443\n");
     settings.LoadSettings();
     settings.SetKeyFile(awkward);
     settings.SaveSettings();
     EXPECT_EQ(QSettings(settingsFile(), QSettings::IniFormat).value("service/keyfile").toString(), awkward)
-        << fileText().toStdString();
+        << readFile(settingsFile()).toStdString();
 }
 
 TEST_F(SettingsTest, CardSettingsAndReaderRulesAreReadAsAnAdministratorWritesThem)
 {
-    QDir().mkpath(configDir.path() + "/TIV");
-    QFile file(settingsFile());
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    file.write("[service]\ntagidformat = Decimal\nrepeatwindow = 1500\n\n"
-               "[readers]\nignore = *SAM*, Yubi*\n"
-               "alias.2 = Virtual PCD 00 * => Entrance, north\n"
-               "alias.1 = Virtual PCD 00 01 => Exit desk\n"
-               "alias.x = nothing\n");
-    file.close();
+    writeSettingsFile("[service]\ntagidformat = Decimal\nrepeatwindow = 1500\n\n"
+                      "[readers]\nignore = *SAM*, Yubi*\n"
+                      "alias.2 = Virtual PCD 00 * => Entrance, north\n"
+                      "alias.1 = Virtual PCD 00 01 => Exit desk\n"
+                      "alias.x = nothing\n"
+                      "alias.3 = => Anywhere\n"
+                      "alias.4 = Virtual* =>\n");
     settings.LoadSettings();
     EXPECT_EQ(settings.GetTagIdFormat().render(QByteArray::fromHex("0a0b")).toStdString(), "2571");
     EXPECT_EQ(settings.GetRepeatWindow(), 1500);
@@ -206,7 +197,10 @@ TEST_F(SettingsTest, CardSettingsAndReaderRulesAreReadAsAnAdministratorWritesThe
     // By number, not by their place in the file.
     EXPECT_EQ(rules.displayName("Virtual PCD 00 01").toStdString(), "Exit desk");
     EXPECT_EQ(rules.displayName("Virtual PCD 00 00").toStdString(), "Entrance, north");
-    EXPECT_EQ(settings.GetLoadWarnings().filter("readers/alias.x").size(), 1);
+    EXPECT_EQ(rules.displayName("Virtual PCD 01 00").toStdString(), "Virtual PCD 01 00");
+    // Not of the shape "pattern => name": no alias.
+    for (const char* key : {"readers/alias.x", "readers/alias.3", "readers/alias.4"})
+        EXPECT_EQ(settings.GetLoadWarnings().filter(key).size(), 1) << key;
 
     store("service/tagidformat", "octal");
     store("service/repeatwindow", "-1");

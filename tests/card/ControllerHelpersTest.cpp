@@ -1,7 +1,5 @@
 #include "ApduResponse.h"
 #include "CardType.h"
-#include "LogCapture.h"
-#include "PcscCall.h"
 
 #include <gtest/gtest.h>
 
@@ -57,25 +55,6 @@ TEST(ApduResponse, TellsTheStatusOnlyOfAReplyLongEnoughToHoldIt)
     EXPECT_EQ(ApduResponse({0x04, 0xA1, 0x90, 0x00}).data(), (Bytes{0x04, 0xA1}));
     // The status word is the last two bytes, wherever else 90 00 appears.
     EXPECT_FALSE(ApduResponse({0x90, 0x00, 0x6A, 0x82}).isOk());
-}
-
-TEST(PcscCall, LogsAFailureWithTheCallsNameAndTextAndASuccessNotAtAll)
-{
-    LogCapture& log = LogCapture::instance();
-    log.clear();
-
-    EXPECT_TRUE(PcscCall("SCardBeginTransaction", SCARD_S_SUCCESS).succeeded());
-    PcscCall("SCardBeginTransaction", SCARD_S_SUCCESS).log(Log::LevelError);
-    EXPECT_EQ(log.count(QStringLiteral("SCardBeginTransaction")), 0);
-
-    EXPECT_FALSE(PcscCall("SCardConnect", SCARD_W_REMOVED_CARD).succeeded());
-    EXPECT_EQ(log.count({"WARN", "SCardConnect returned: -2146434967",
-                         "The smart card has been removed and no further communication is possible."}),
-              1);
-
-    // pcsc-lite's 64-bit LONG holds the code unsigned; the log shows the signed 32-bit value.
-    PcscCall("SCardListReaders", static_cast<LONG>(0x8010001DUL)).log(Log::LevelError);
-    EXPECT_EQ(log.count({"ERROR", "SCardListReaders returned: -2146435043", "resource manager is not running."}), 1);
 }
 
 } // namespace

@@ -9,22 +9,18 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <functional>
 #include <cctype>
 #include <iterator>
 #include <memory>
-#include <mutex>
 
 using Lines = std::vector<std::string>;
 
-// Hands the PC/SC failures the card code logs ("<call> returned: <code> <text>") to the
-// observer as "error <hex code> <text>", on the logging thread and in order with the signals.
+// Puts the PC/SC failures the card code logs ("<call> returned: <code> <text>") into the
+// scripted stack's journal as "error <hex code> <text>", in order with the calls and signals.
 class FailureLog : public Log::Destination
 {
 public:
-    using Observer = std::function<void(const QString& line)>;
-
-    static void observe(Observer observer)
+    static void install()
     {
         static const bool installed = [] {
             LogCapture::instance(); // sets the level, and must come first
@@ -32,67 +28,44 @@ public:
             return true;
         }();
         (void)installed;
-        std::lock_guard<std::mutex> lock(mutex());
-        current() = std::move(observer);
     }
 
     void write(const QString& message, Log::Level) override
     {
         static const QRegularExpression failure(QStringLiteral(R"re(returned: (-?\d+) "(.*)"\s*$)re"));
         const QRegularExpressionMatch match = failure.match(message);
-        std::lock_guard<std::mutex> lock(mutex());
-        if (!match.hasMatch() || !current())
+        if (!match.hasMatch())
             return;
         const quint32 code = static_cast<quint32>(match.captured(1).toInt());
-        current()(QStringLiteral("error %1 %2").arg(code, 8, 16, QLatin1Char('0')).arg(match.captured(2)));
+        FakePcsc::stack.journal.push_back(
+            QStringLiteral("error %1 %2").arg(code, 8, 16, QLatin1Char('0')).arg(match.captured(2)).toStdString());
     }
     bool isValid() override { return true; }
-
-private:
-    static std::mutex& mutex()
-    {
-        static std::mutex guard;
-        return guard;
-    }
-    static Observer& current()
-    {
-        static Observer observer;
-        return observer;
-    }
 };
 
-// Hands a controller's signals and logged PC/SC failures to `observer` as lines ("connect
-// <reader>", "rfid <reader> <hex id>", "sc <reader> <hex id>", "removed <reader>", "error <hex
-// code> <text>", ...), on whichever thread emits them.
-class CardEventLog
+// Puts a controller's signals into the scripted stack's journal ("connect <reader>", "rfid
+// <reader> <hex id>", "sc <reader> <hex id>", "removed <reader>", ...), on whichever thread
+// emits them.
+inline void journalSignals(SmartCardController* controller)
 {
-public:
-    using Observer = std::function<void(const QString& line)>;
-
-    CardEventLog(SmartCardController* controller, Observer observer)
-    {
-        using C = SmartCardController;
-        const auto on = [&](auto signal, auto toLine) {
-            QObject::connect(controller, signal, controller,
-                             [observer, toLine](auto... args) { observer(toLine(args...)); }, Qt::DirectConnection);
+    using C = SmartCardController;
+    const auto on = [controller](auto signal, auto toLine) {
+        QObject::connect(controller, signal, controller,
+                         [toLine](auto... args) { FakePcsc::stack.journal.push_back(toLine(args...).toStdString()); },
+                         Qt::DirectConnection);
+    };
+    const auto card = [](const char* type) {
+        return [type](const QString& reader, const QByteArray& id) {
+            return QStringLiteral("%1 %2 %3").arg(QLatin1String(type), reader, QString::fromLatin1(id.toHex()));
         };
-        FailureLog::observe(observer);
-        const auto card = [](const char* type) {
-            return [type](const QString& reader, const QByteArray& id) {
-                return QStringLiteral("%1 %2 %3").arg(QLatin1String(type), reader, QString::fromLatin1(id.toHex()));
-            };
-        };
-        on(&C::onRFID, card("rfid"));
-        on(&C::onSC, card("sc"));
-        on(&C::onReaderConnect, [](const QString& name) { return "connect " + name; });
-        on(&C::onReaderDisconnect, [](const QString& name) { return "disconnect " + name; });
-        on(&C::cardRemoved, [](const QString& name) { return "removed " + name; });
-        on(&C::serviceLost, [] { return QStringLiteral("service lost"); });
-    }
-    ~CardEventLog() { FailureLog::observe({}); }
-    CardEventLog(const CardEventLog&) = delete;
-    CardEventLog& operator=(const CardEventLog&) = delete;
-};
+    };
+    on(&C::onRFID, card("rfid"));
+    on(&C::onSC, card("sc"));
+    on(&C::onReaderConnect, [](const QString& name) { return "connect " + name; });
+    on(&C::onReaderDisconnect, [](const QString& name) { return "disconnect " + name; });
+    on(&C::cardRemoved, [](const QString& name) { return "removed " + name; });
+    on(&C::serviceLost, [] { return QStringLiteral("service lost"); });
+}
 
 // Runs the card loop on the test's own thread against the scripted PC/SC stack; the loop
 // is stopped when the script is used up. Signals go into the stack's journal, so they show
@@ -105,16 +78,15 @@ protected:
     // A fresh stack and controller, whose context is established or fails with `establish`.
     void start(LONG establish = SCARD_S_SUCCESS)
     {
-        events.reset();
         controller.reset(); // releases its context on the old stack
+        FailureLog::install();
         LogCapture::instance().clear();
         FakePcsc::stack = FakePcsc::Stack();
         if (establish != SCARD_S_SUCCESS)
             FakePcsc::stack.failures["Establish"] = establish;
         controller = std::make_unique<SmartCardController>();
         FakePcsc::stack.onScriptEnd = [this] { controller->stop(); };
-        events = std::make_unique<CardEventLog>(
-            controller.get(), [](const QString& line) { FakePcsc::stack.journal.push_back(line.toStdString()); });
+        journalSignals(controller.get());
         EXPECT_EQ(controller->initialize(), establish == SCARD_S_SUCCESS);
     }
 
@@ -143,8 +115,5 @@ protected:
         return lines;
     }
 
-    static bool logged(const QStringList& fragments) { return LogCapture::instance().contains(fragments); }
-
     std::unique_ptr<SmartCardController> controller;
-    std::unique_ptr<CardEventLog> events;
 };

@@ -3,7 +3,6 @@
 #include "OriginalTexts.h"
 #include "ServiceFixture.h"
 #include "TagArrivals.h"
-#include "TestWsClient.h"
 #include "WssClientGroup.h"
 
 #include <QDir>
@@ -15,30 +14,6 @@
 
 namespace {
 
-using VirtualCards::CardPersonality;
-using VirtualCards::parseHex;
-
-// A refresh of the reader list comes every 15 s; a loaded two-core machine needs room on top.
-constexpr int eventTimeoutMs = 45000;
-
-std::string cardText(const char* type, const QString& id)
-{
-    return OriginalTexts::card(type, id);
-}
-
-std::string readerText(const QString& name, bool connected)
-{
-    return OriginalTexts::reader(name, connected);
-}
-
-const std::string& versionText = OriginalTexts::version;
-
-std::string next(TestWsClient& client, int timeoutMs = eventTimeoutMs)
-{
-    const std::optional<QString> message = client.nextMessage(timeoutMs);
-    return message ? message->toStdString() : std::string("<nothing>");
-}
-
 int countEntries(const QString& path)
 {
     return QDir(path).entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System).size();
@@ -47,20 +22,6 @@ int countEntries(const QString& path)
 class ServiceEndToEnd : public ServiceFixture
 {
 protected:
-    std::unique_ptr<TestWsClient> connectClient()
-    {
-        auto client = std::make_unique<TestWsClient>();
-        EXPECT_TRUE(client->connect(port)) << client->lastError().toStdString();
-        return client;
-    }
-
-    void expectReaderGreeting(TestWsClient& client)
-    {
-        EXPECT_EQ(next(client), readerText(pcscd.readerName(0), true));
-        EXPECT_EQ(next(client), readerText(pcscd.readerName(1), true));
-        EXPECT_EQ(next(client), versionText);
-    }
-
     void stopService(int signalNumber)
     {
         service.sendSignal(signalNumber);
@@ -70,44 +31,14 @@ protected:
     }
 };
 
-TEST_F(ServiceEndToEnd, ClientsAreGreetedAndEveryCardReachesEveryClient)
-{
-    startPcscd();
-    startServiceWithReaders();
-
-    auto first = connectClient();
-    expectReaderGreeting(*first);
-    auto second = connectClient();
-    expectReaderGreeting(*second);
-
-    // The first client's next message is the tag, so nothing of the second greeting leaked.
-    auto tagCard = layOn(0, tag("04a10b7f"));
-    EXPECT_EQ(next(*first), cardText("TAG", QStringLiteral("04a10b7f")));
-    EXPECT_EQ(next(*second), cardText("TAG", QStringLiteral("04a10b7f")));
-    tagCard->takeAway();
-
-    // Left on the reader, the card is read again after the next refresh of the reader list.
-    auto acos = layOn(1, CardPersonality::acosCard(*parseHex("0102030405060708")));
-    for (TestWsClient* each : {first.get(), second.get(), first.get(), second.get()})
-        EXPECT_EQ(next(*each), cardText("SC", QStringLiteral("0102030405060708")));
-
-    // A card that answers with an error is a log line, not a message, and the service goes on.
-    CardPersonality faulty = tag("0badcafe");
-    faulty.setStatusWord(0x6A, 0x82);
-    auto faultyCard = layOn(0, faulty);
-    EXPECT_TRUE(waitUntil([&] { return service.countInLog(QStringLiteral("Wrong response")) > 0; }, eventTimeoutMs));
-    EXPECT_EQ(next(*first, 1000), "<nothing>");
-
-    stopService(SIGTERM);
-    EXPECT_EQ(service.readSettings().value(QStringLiteral("service/port")).toInt(), port);
-}
-
 TEST_F(ServiceEndToEnd, ClientsSeeTheReadersGoWithPcscdAndComeBackWithItWithoutLeaksAndAStopWhileItIsGoneEndsCleanly)
 {
     startPcscd();
     startServiceWithReaders();
     auto client = connectClient();
-    expectReaderGreeting(*client);
+    EXPECT_EQ(next(*client), OriginalTexts::reader(pcscd.readerName(0), true));
+    EXPECT_EQ(next(*client), OriginalTexts::reader(pcscd.readerName(1), true));
+    EXPECT_EQ(next(*client), OriginalTexts::version);
 
     const QString proc = QStringLiteral("/proc/%1/").arg(service.pid());
     const auto threads = [&] { return countEntries(proc + QStringLiteral("task")); };
@@ -118,21 +49,21 @@ TEST_F(ServiceEndToEnd, ClientsSeeTheReadersGoWithPcscdAndComeBackWithItWithoutL
     for (int cycle = 1; cycle <= 3; ++cycle) {
         SCOPED_TRACE(cycle);
         pcscd.kill();
-        EXPECT_EQ(next(*client), readerText(pcscd.readerName(0), false));
-        EXPECT_EQ(next(*client), readerText(pcscd.readerName(1), false));
+        EXPECT_EQ(next(*client), OriginalTexts::reader(pcscd.readerName(0), false));
+        EXPECT_EQ(next(*client), OriginalTexts::reader(pcscd.readerName(1), false));
         // Greeted while PC/SC is away: no reader at all.
         auto late = connectClient();
-        EXPECT_EQ(next(*late), versionText);
+        EXPECT_EQ(next(*late), OriginalTexts::version);
 
         ASSERT_TRUE(pcscd.restart()) << pcscd.lastError().toStdString();
         for (TestWsClient* each : {client.get(), late.get()}) {
-            EXPECT_EQ(next(*each), readerText(pcscd.readerName(0), true));
-            EXPECT_EQ(next(*each), readerText(pcscd.readerName(1), true));
+            EXPECT_EQ(next(*each), OriginalTexts::reader(pcscd.readerName(0), true));
+            EXPECT_EQ(next(*each), OriginalTexts::reader(pcscd.readerName(1), true));
         }
         const QString uid = QStringLiteral("0a0b0c0%1").arg(cycle);
         auto card = layOn(0, tag(uid.toStdString()));
-        EXPECT_EQ(next(*client), cardText("TAG", uid));
-        EXPECT_EQ(next(*late), cardText("TAG", uid));
+        EXPECT_EQ(next(*client), OriginalTexts::card("TAG", uid));
+        EXPECT_EQ(next(*late), OriginalTexts::card("TAG", uid));
     }
 
     // The late clients are gone; their connections close once the service notices.
@@ -143,7 +74,7 @@ TEST_F(ServiceEndToEnd, ClientsSeeTheReadersGoWithPcscdAndComeBackWithItWithoutL
 
     // A stop while the service waits for a lost PC/SC to return.
     pcscd.kill();
-    EXPECT_EQ(next(*client), readerText(pcscd.readerName(0), false));
+    EXPECT_EQ(next(*client), OriginalTexts::reader(pcscd.readerName(0), false));
     stopService(SIGTERM);
 }
 

@@ -2,16 +2,12 @@
 // the status line following PC/SC and its readers, the watchdog while both sides work.
 #include "NotifySocket.h"
 #include "ServiceFixture.h"
-#include "TestWsClient.h"
 
 #include <gtest/gtest.h>
 
 #include <csignal>
 
 namespace {
-
-// A refresh of the reader list comes every 15 s; a loaded two-core machine needs room on top.
-constexpr int eventTimeoutMs = 45000;
 
 class SupervisionEndToEnd : public ServiceFixture
 {

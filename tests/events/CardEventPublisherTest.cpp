@@ -1,12 +1,10 @@
 #include "CardEventPublisher.h"
 
 #include "PrintQString.h"
+#include "Protocol2Summary.h"
 #include "ReaderCommand.h"
 #include "TagCommand.h"
 #include "VersionCommand.h"
-
-#include <QJsonDocument>
-#include <QJsonObject>
 
 #include <gtest/gtest.h>
 
@@ -26,29 +24,12 @@ protected:
                 if (!texts.original.isEmpty())
                     original << texts.original;
                 if (!texts.version2.isEmpty())
-                    version2 << summary(texts.version2);
+                    version2 << protocol2Summary(texts.version2);
             },
             [this] { return clock; });
     }
 
     void SetUp() override { make(); }
-
-    // "TAG <reader> <tag_id> repeat=<r> seq=<n>", "REMOVED <reader> <tag_id> seq=<n>", "READER <event> <name>".
-    static QString summary(const QString& text)
-    {
-        const QJsonObject m = QJsonDocument::fromJson(text.toUtf8()).object();
-        const QString type = m.value("type").toString();
-        if (type == "READER")
-            return type + " " + m.value("event").toString() + " " + m.value("name").toString();
-        if (type == "VERSION")
-            return type;
-        QString line = type + " " + m.value("reader").toString() + " " + m.value("tag_id").toString();
-        if (m.contains("repeat"))
-            line += m.value("repeat").toBool() ? " repeat" : " new";
-        if (m.contains("uid"))
-            line += " uid=" + m.value("uid").toString();
-        return line + " seq=" + QString::number(m.value("seq").toInt());
-    }
 
     QStringList greeting(ClientProtocol protocol)
     {
@@ -56,7 +37,7 @@ protected:
         publisher->greet(protocol, [&](const QStringList& greeting) { texts = greeting; });
         if (protocol == ClientProtocol::Version2) {
             for (QString& text : texts)
-                text = summary(text);
+                text = protocol2Summary(text);
         }
         return texts;
     }

@@ -21,22 +21,4 @@ TEST(ReaderRules, WildcardsMatchWholeNamesWithoutCase)
     EXPECT_FALSE(m("a*b*c", "aXbYbZ"));
 }
 
-TEST(ReaderRules, IgnoreAndAliasPickTheFirstMatchingRule)
-{
-    const ReaderRules rules({QStringLiteral("*SAM*"), QStringLiteral("Yubi*")},
-                            {ReaderRules::parseAlias(QStringLiteral("Virtual PCD 00 * => Entrance")),
-                             ReaderRules::parseAlias(QStringLiteral(" * =>  Any other desk "))});
-    EXPECT_TRUE(rules.ignores(QStringLiteral("OMNIKEY SAM slot 01 00")));
-    EXPECT_TRUE(rules.ignores(QStringLiteral("YubiKey 00 00")));
-    EXPECT_FALSE(rules.ignores(QStringLiteral("Virtual PCD 00 00")));
-    EXPECT_EQ(rules.displayName(QStringLiteral("Virtual PCD 00 01")), "Entrance");
-    EXPECT_EQ(rules.displayName(QStringLiteral("Virtual PCD 01 00")), "Any other desk");
-    EXPECT_EQ(ReaderRules().displayName(QStringLiteral("Virtual PCD 01 00")), "Virtual PCD 01 00");
-
-    // Not of the shape "pattern => name": no alias.
-    EXPECT_TRUE(ReaderRules::parseAlias(QStringLiteral("Entrance")).pattern.isEmpty());
-    EXPECT_TRUE(ReaderRules::parseAlias(QStringLiteral("=> Entrance")).pattern.isEmpty());
-    EXPECT_TRUE(ReaderRules::parseAlias(QStringLiteral("Virtual* =>")).pattern.isEmpty());
-}
-
 } // namespace

@@ -27,10 +27,8 @@ protected:
     }
     void create(const Files& created) const
     {
-        for (const auto& [name, bytes] : created) {
-            QFile file(dir.filePath(name));
-            ASSERT_TRUE(file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size());
-        }
+        for (const auto& [name, bytes] : created)
+            ASSERT_TRUE(writeFile(dir.filePath(name), bytes));
     }
     DestinationPtr make(qint64 maxSize, int backups, const QString& name = "app.log",
                         LogRotationOption rotation = LogRotationEnabled) const

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "TestFiles.h"
 #include "PrintQString.h"
 
 #include <QByteArray>
@@ -21,12 +22,6 @@ inline const char* const freshProcessVariable = "TIV_TEST_FRESH_PROCESS";
 // sanitizer cannot see.
 inline const bool farZoneSet =
     qEnvironmentVariableIsSet(freshProcessVariable) || (qputenv("TZ", "XYZ-05:45"), tzset(), true);
-
-inline QByteArray readFile(const QString& path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
-}
 
 // Permission bits of a file; -1 when it cannot be read.
 inline int fileMode(const QString& path)

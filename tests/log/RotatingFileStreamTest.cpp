@@ -14,9 +14,7 @@ TEST(RotatingFileStream, StartsEmptyAndRotatesWholeLinesIntoPrivateFiles)
 {
     QTemporaryDir dir;
     const QString path = dir.filePath("access.log");
-    QFile old(path);
-    ASSERT_TRUE(old.open(QIODevice::WriteOnly) && old.write("from the last run\n") > 0);
-    old.close();
+    ASSERT_TRUE(writeFile(path, "from the last run\n"));
 
     // Whatever the umask, as a daemon used to run with none.
     const mode_t previousUmask = ::umask(0);

@@ -1,6 +1,7 @@
 #include "RawTlsClient.h"
 #include "RunningServer.h"
 #include "SessionTicketKeys.h"
+#include "TestFiles.h"
 #include "TlsCredentials.h"
 
 #include <QFile>
@@ -35,10 +36,7 @@ TEST_F(RunningServer, CertificateAndKeyAreReadAtEveryHandshakeAndSessionsResumeU
 
     const TestCertificate renewed, stranger;
     const QString corrupt = logDir.filePath("corrupt.pem");
-    QFile corruptFile(corrupt);
-    ASSERT_TRUE(corruptFile.open(QIODevice::WriteOnly) &&
-                corruptFile.write("-----BEGIN CERTIFICATE-----\nbroken\n") > 0);
-    corruptFile.close();
+    ASSERT_TRUE(writeFile(corrupt, "-----BEGIN CERTIFICATE-----\nbroken\n"));
     const auto install = [this](const QString& certSource, const QString& keySource) {
         QFile::remove(cert.certFile());
         QFile::remove(cert.keyFile());
@@ -46,9 +44,7 @@ TEST_F(RunningServer, CertificateAndKeyAreReadAtEveryHandshakeAndSessionsResumeU
                (keySource.isEmpty() || QFile::copy(keySource, cert.keyFile()));
     };
     const QString encrypted = logDir.filePath("encrypted.pem");
-    ASSERT_EQ(QProcess::execute("openssl", {"pkey", "-in", renewed.keyFile(), "-aes128", "-passout", "pass:x",
-                                            "-out", encrypted}),
-              0);
+    ASSERT_TRUE(writeEncryptedKey(renewed.keyFile(), encrypted));
     // A corrupt certificate, a missing key, the key of another certificate, and a key that needs
     // a passphrase (never asked for) each fail only the handshake that meets them.
     const std::pair<QString, QString> broken[] = {{corrupt, renewed.keyFile()},
@@ -144,16 +140,9 @@ TEST(TlsCredentialsCheck, NamesTheFileAndWhatIsWrongWithIt)
     const TestCertificate pair, other;
     const QTemporaryDir dir;
     const QString encrypted = dir.filePath("encrypted.pem");
-    ASSERT_EQ(QProcess::execute("openssl", {"pkey", "-in", pair.keyFile(), "-aes256", "-passout", "pass:x",
-                                            "-out", encrypted}),
-              0);
-    const auto contents = [](const QString& path) {
-        QFile file(path);
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-    };
+    ASSERT_TRUE(writeEncryptedKey(pair.keyFile(), encrypted));
     const auto written = [&dir](const QString& name, const QByteArray& data) {
-        QFile file(dir.filePath(name));
-        return file.open(QIODevice::WriteOnly) && file.write(data) == data.size() ? file.fileName() : QString();
+        return writeFile(dir.filePath(name), data) ? dir.filePath(name) : QString();
     };
     const QString garbage = written("garbage.pem", "garbage\n");
     const QString missing = dir.filePath("missing.pem");
@@ -176,11 +165,11 @@ TEST(TlsCredentialsCheck, NamesTheFileAndWhatIsWrongWithIt)
         EXPECT_EQ(TlsCredentials::check(certFile, keyFile), expected);
 
     // One file may hold the certificate, its chain and the key; a broken chain certificate counts.
-    const QString combined = written("combined.pem", contents(pair.certFile()) + contents(other.certFile()) +
-                                                         contents(pair.keyFile()));
+    const QString combined = written("combined.pem", readFile(pair.certFile()) + readFile(other.certFile()) +
+                                                         readFile(pair.keyFile()));
     EXPECT_EQ(TlsCredentials::check(combined, combined), QString());
     const QString brokenChain =
-        written("broken-chain.pem", contents(pair.certFile()) + "-----BEGIN CERTIFICATE-----\nbroken\n"
+        written("broken-chain.pem", readFile(pair.certFile()) + "-----BEGIN CERTIFICATE-----\nbroken\n"
                                                                 "-----END CERTIFICATE-----\n");
     EXPECT_TRUE(TlsCredentials::check(brokenChain, pair.keyFile())
                     .startsWith(cert.arg(brokenChain) + "a certificate after the first is broken ("));

@@ -1,7 +1,6 @@
 #include "RawTlsClient.h"
 #include "RunningServer.h"
-
-#include <QFile>
+#include "TestFiles.h"
 
 #include <chrono>
 #include <memory>
@@ -88,9 +87,7 @@ TEST_F(RunningServer, AccessLogRecordsConnectionsButNoPayloads)
     ASSERT_TRUE(client.send("client says 0badc0de"));
     ASSERT_TRUE(logged("client says 0badc0de"));
 
-    QFile accessLog(logPrefix() + "access.log");
-    ASSERT_TRUE(accessLog.open(QIODevice::ReadOnly));
-    const QByteArray written = accessLog.readAll();
+    const QByteArray written = readFile(logPrefix() + "access.log");
     EXPECT_TRUE(written.contains("WebSocket Connection")) << written.toStdString();
     EXPECT_FALSE(written.contains("04a1b2c3"));
     EXPECT_FALSE(written.contains("0badc0de"));

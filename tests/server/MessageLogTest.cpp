@@ -42,31 +42,3 @@ TEST_F(RunningServer, AFloodingClientGetsAFewLinesASecondAndTheCountOfTheRest)
     ASSERT_TRUE(other.send(QStringLiteral("still heard")));
     EXPECT_TRUE(logged(QStringLiteral("ServerThread::messageReceived: \"still heard\"")));
 }
-
-TEST_F(RunningServer, BroadcastsAreLoggedByTypeReaderAndSizeWithoutTheCard)
-{
-    const QString tag = QStringLiteral(
-        R"({"type":"TAG","tag_id":"0a0b0c0d","uid":"0d0c0b0a","reader":"Desk 2","repeat":false,"seq":1,"error":null})");
-    const QString reader = QStringLiteral(R"({"type":"READER","event":"CONNECTED","name":"Desk 1","error":null})");
-    thread->sendToAll(ProtocolTexts{QStringLiteral(R"({"type":"TAG","tag_id":"0a0b0c0d","error":null})"), tag});
-    thread->sendToAll(ProtocolTexts{QStringLiteral(R"({"type":"SC","tag_id":"0a0b0c0d","error":null})"), QString()});
-    thread->sendToAll(reader);
-    thread->sendToAll(QStringLiteral("not a message"));
-    TestWsClient client;
-    ASSERT_TRUE(client.connect(port)) << client.lastError().toStdString();
-    ASSERT_TRUE(waitForClients(1));
-    thread->admitClient(announcedClients()[0], {reader, tag});
-
-    LogCapture& log = LogCapture::instance();
-    EXPECT_EQ(log.count(QStringLiteral("ServerThread::sendToAll: TAG from \"Desk 2\", %1 bytes").arg(tag.size())), 1);
-    EXPECT_EQ(log.count(QStringLiteral("ServerThread::sendToAll: SC, 46 bytes")), 1);
-    EXPECT_EQ(log.count(QStringLiteral("ServerThread::sendToAll: READER from \"Desk 1\", %1 bytes").arg(reader.size())), 1);
-    EXPECT_EQ(log.count(QStringLiteral("ServerThread::sendToAll: text, 13 bytes")), 1);
-    EXPECT_EQ(log.count(QStringLiteral("ServerThread::admitClient: 2 greeting message(s): READER from \"Desk 1\", "
-                                       "%1 bytes; TAG from \"Desk 2\", %2 bytes")
-                            .arg(reader.size())
-                            .arg(tag.size())),
-              1);
-    EXPECT_EQ(log.count(QStringLiteral("0a0b0c0d")), 0);
-    EXPECT_EQ(log.count(QStringLiteral("0d0c0b0a")), 0);
-}

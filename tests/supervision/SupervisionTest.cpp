@@ -36,8 +36,8 @@ TEST(SystemdNotifier, ReachesPathAndAbstractSocketsAndAnswersOnlyItsOwnWatchdog)
     EXPECT_FALSE(SystemdNotifier::fromEnvironment(environment({"WATCHDOG_USEC=30000000"})).isActive());
     EXPECT_FALSE(SystemdNotifier().notify("READY=1"));
 
-    for (const auto space : {NotifySocket::Namespace::Path, NotifySocket::Namespace::Abstract}) {
-        NotifySocket manager(space);
+    for (const bool abstract : {false, true}) {
+        NotifySocket manager(abstract);
         ASSERT_TRUE(manager.isOpen());
         const QString socket = "NOTIFY_SOCKET=" + manager.address();
         SystemdNotifier notifier = SystemdNotifier::fromEnvironment(environment({socket, "WATCHDOG_USEC=30000000"}));

@@ -1,15 +1,13 @@
 #pragma once
 
 #include <QByteArray>
+#include <QDeadlineTimer>
 #include <QString>
 #include <QTemporaryDir>
 
-#include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cstddef>
 #include <cstring>
-#include <functional>
 #include <optional>
 #include <poll.h>
 #include <sys/socket.h>
@@ -21,39 +19,25 @@
 class NotifySocket
 {
 public:
-    enum class Namespace
-    {
-        Path,
-        Abstract
-    };
-
-    explicit NotifySocket(Namespace space = Namespace::Path)
+    explicit NotifySocket(bool abstract = false)
     {
         static std::atomic<int> made{0};
-        name = space == Namespace::Path
-                   ? (folder.path() + QStringLiteral("/notify")).toLocal8Bit()
-                   : QStringLiteral("@tiv-test-notify-%1-%2").arg(getpid()).arg(made++).toLocal8Bit();
+        name = abstract ? QStringLiteral("@tiv-test-notify-%1-%2").arg(getpid()).arg(made++).toLocal8Bit()
+                        : (folder.path() + QStringLiteral("/notify")).toLocal8Bit();
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         std::memcpy(address.sun_path, name.constData(), static_cast<size_t>(name.size()));
-        if (space == Namespace::Abstract)
+        if (abstract)
             address.sun_path[0] = '\0';
         fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
         const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + static_cast<size_t>(name.size()));
-        if (fd >= 0 && bind(fd, reinterpret_cast<const sockaddr*>(&address), length) != 0) {
-            close(fd);
-            fd = -1;
-        }
+        bound = bind(fd, reinterpret_cast<const sockaddr*>(&address), length) == 0;
     }
-    ~NotifySocket()
-    {
-        if (fd >= 0)
-            close(fd);
-    }
+    ~NotifySocket() { close(fd); }
     NotifySocket(const NotifySocket&) = delete;
     NotifySocket& operator=(const NotifySocket&) = delete;
 
-    bool isOpen() const { return fd >= 0; }
+    bool isOpen() const { return bound; }
     // As NOTIFY_SOCKET names it.
     QString address() const { return QString::fromLocal8Bit(name); }
 
@@ -61,38 +45,27 @@ public:
     std::optional<QByteArray> next(int timeoutMs)
     {
         pollfd wait{fd, POLLIN, 0};
-        if (fd < 0 || poll(&wait, 1, timeoutMs) != 1)
-            return std::nullopt;
         char buffer[4096];
-        const ssize_t size = recv(fd, buffer, sizeof buffer, 0);
-        if (size < 0)
-            return std::nullopt;
-        return QByteArray(buffer, static_cast<int>(size));
+        const ssize_t size = bound && poll(&wait, 1, timeoutMs) == 1 ? recv(fd, buffer, sizeof buffer, 0) : -1;
+        return size < 0 ? std::nullopt : std::optional<QByteArray>(QByteArray(buffer, static_cast<int>(size)));
     }
 
-    // Reads datagrams until one has a line that starts with `prefix`, and returns that line;
-    // each datagram on the way goes to `seen`. None when `timeoutMs` pass first.
-    std::optional<QByteArray> awaitLine(const QByteArray& prefix, int timeoutMs,
-                                        const std::function<void(const QByteArray&)>& seen = {})
+    // The first line that starts with `prefix` in the datagrams to come; none after `timeoutMs`.
+    std::optional<QByteArray> awaitLine(const QByteArray& prefix, int timeoutMs)
     {
-        using Clock = std::chrono::steady_clock;
-        const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-        for (;;) {
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-            const std::optional<QByteArray> datagram = next(static_cast<int>(std::max<long long>(left.count(), 0)));
-            if (!datagram)
-                return std::nullopt;
-            if (seen)
-                seen(*datagram);
+        const QDeadlineTimer deadline(timeoutMs);
+        while (const std::optional<QByteArray> datagram = next(static_cast<int>(deadline.remainingTime()))) {
             for (const QByteArray& line : datagram->split('\n')) {
                 if (line.startsWith(prefix))
                     return line;
             }
         }
+        return std::nullopt;
     }
 
 private:
     QTemporaryDir folder;
     QByteArray name;
     int fd = -1;
+    bool bound = false;
 };
