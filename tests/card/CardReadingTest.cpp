@@ -76,13 +76,6 @@ TEST_F(CardReading, AReadThatFailsWhileTheCardStaysIsTriedAgainAndTheCardReporte
     }
 }
 
-TEST_F(CardReading, AUidOfTenBytesIsReadWhole)
-{
-    stack.readers = {"A"};
-    stack.cards["A"] = tag({0x04, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88, 0x99});
-    EXPECT_EQ(run(), (Lines{"connect A", "rfid A 04112233445566778899", "disconnect A"}));
-}
-
 TEST_F(CardReading, ACardThatIsGoneOrOfNoKnownTypeIsNotTriedAgain)
 {
     const struct

@@ -62,7 +62,7 @@ TEST(DiskFull, LogsResumeWithANoteOfTheLostLinesOnceThereIsRoomAgain)
         accessLog << "lost" << std::endl;
     }
     EXPECT_TRUE(accessLog.good()) << "a stream in a failed state would drop every later line";
-    EXPECT_EQ(capturedStderr().toStdString(),
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
               ("Log: could not write log file " + dir.filePath("app.log") + ": No space left on device\n"
                + "Log: could not write log file " + dir.filePath("access.log") + ": No space left on device\n")
                   .toStdString())

@@ -30,12 +30,6 @@ inline int fileMode(const QString& path)
     return ::stat(QFile::encodeName(path).constData(), &status) == 0 ? int(status.st_mode & 07777) : -1;
 }
 
-// What was written to file descriptor 2 since testing::internal::CaptureStderr().
-inline QByteArray capturedStderr()
-{
-    return QByteArray::fromStdString(testing::internal::GetCapturedStderr());
-}
-
 struct FreshRun
 {
     int exitCode; // -1 when the process did not end normally

@@ -119,12 +119,11 @@ public:
         return answer;
     }
 
-    // A standard WebSocket upgrade; true on 101.
-    bool upgrade()
-    {
-        return handshake("GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-                         "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n") == 101;
-    }
+    // A standard WebSocket upgrade; upgrade() sends it and is true on 101.
+    static inline const QByteArray upgradeRequest =
+        "GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+        "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n";
+    bool upgrade() { return handshake(upgradeRequest) == 101; }
 
     // A masked client frame. `announced` is the length put in the header when not -1.
     bool sendFrame(int opcode, const QByteArray& payload, qint64 announced = -1)
