@@ -127,8 +127,8 @@ TEST_F(ServiceProcessTest, HelpVersionAndStatusTouchNoFile)
         EXPECT_EQ(readFile(service.settingsFile()), settingsBefore);
         if (exitCode == 2) {
             EXPECT_TRUE(run.output.isEmpty()) << run.output.toStdString();
-            EXPECT_TRUE(run.error.endsWith('\n') && run.error.count('\n') == 1 && run.error.contains(QString::number(port)))
-                << run.error.toStdString();
+            EXPECT_TRUE(run.error.endsWith('\n') && run.error.count('\n') == 1) << run.error.toStdString();
+            EXPECT_TRUE(run.error.contains(QString::number(port))) << run.error.toStdString();
         }
     }
 }

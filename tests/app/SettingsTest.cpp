@@ -40,6 +40,7 @@ protected:
         QDir().mkpath(configDir.path() + "/TIV");
         ASSERT_TRUE(writeFile(settingsFile(), text));
     }
+    std::string fileText() const { return readFile(settingsFile()).toStdString(); }
 
     QTemporaryDir configDir;
     Settings settings;
@@ -51,8 +52,8 @@ TEST_F(SettingsTest, DefaultsAreSavedAsFourKeysAndStoredValuesAreReadWithLevelAn
     EXPECT_FALSE(QFile::exists(settingsFile())) << "loading must never write";
     EXPECT_TRUE(settings.GetAllowedOrigins().isEmpty());
     settings.SaveSettings();
-    EXPECT_EQ(readFile(settingsFile()).toStdString(), "[service]\ncertfile=localhost.pem\nkeyfile=localhost.key\n"
-                                        "logpath=/var/log/tiv-rfid-svc/\nport=8036\n");
+    EXPECT_EQ(fileText(), "[service]\ncertfile=localhost.pem\nkeyfile=localhost.key\n"
+                          "logpath=/var/log/tiv-rfid-svc/\nport=8036\n");
 
     store("service/port", 9443);
     store("service/certfile", "/etc/tiv/cert.pem");
@@ -75,7 +76,9 @@ TEST_F(SettingsTest, DefaultsAreSavedAsFourKeysAndStoredValuesAreReadWithLevelAn
 TEST_F(SettingsTest, NonsenseGetsOneWarningAndTheDefault)
 {
     const auto value = [this](const std::string& key) {
-        return key == "port" ? settings.GetPort() : key == "loglevel" ? settings.GetLogLevel() : settings.GetMaxClients();
+        return key == "port"       ? settings.GetPort()
+               : key == "loglevel" ? settings.GetLogLevel()
+                                   : settings.GetMaxClients();
     };
     const struct
     {
@@ -136,25 +139,25 @@ TEST_F(SettingsTest, SaveLeavesWhatAnAdministratorWroteAndAddsOnlyTheMissingServ
     const ino_t before = inodeOf(settingsFile());
     settings.LoadSettings();
     settings.SaveSettings();
-    EXPECT_EQ(readFile(settingsFile()).toStdString(), complete.toStdString());
+    EXPECT_EQ(fileText(), complete.toStdString());
     EXPECT_EQ(inodeOf(settingsFile()), before) << "a file with every key is not written at all";
 
     // Added after the last key of [service], before the next section's comment.
     writeSettingsFile("[service]\r\n; the port\r\nport=9443\r\nlogpath=/srv/tiv/\r\n"
-              "; readers\r\n[readers]\r\nignore=*SAM*\r\n");
+                      "; readers\r\n[readers]\r\nignore=*SAM*\r\n");
     settings.LoadSettings();
     settings.SaveSettings();
-    EXPECT_EQ(readFile(settingsFile()).toStdString(), "[service]\r\n; the port\r\nport=9443\r\nlogpath=/srv/tiv/\r\n"
-                                        "certfile=localhost.pem\r\nkeyfile=localhost.key\r\n"
-                                        "; readers\r\n[readers]\r\nignore=*SAM*\r\n");
+    EXPECT_EQ(fileText(), "[service]\r\n; the port\r\nport=9443\r\nlogpath=/srv/tiv/\r\n"
+                          "certfile=localhost.pem\r\nkeyfile=localhost.key\r\n"
+                          "; readers\r\n[readers]\r\nignore=*SAM*\r\n");
 
     // Keys are case-sensitive: [Service] and Port are not what the service reads.
     writeSettingsFile("[Service]\nPort=1\n[readers]\nignore=*SAM*");
     settings.LoadSettings();
     settings.SaveSettings();
-    EXPECT_EQ(readFile(settingsFile()).toStdString(), "[Service]\nPort=1\n[readers]\nignore=*SAM*\n\n[service]\n"
-                                        "certfile=localhost.pem\nkeyfile=localhost.key\n"
-                                        "logpath=/var/log/tiv-rfid-svc/\nport=8036\n");
+    EXPECT_EQ(fileText(), "[Service]\nPort=1\n[readers]\nignore=*SAM*\n\n[service]\n"
+                          "certfile=localhost.pem\nkeyfile=localhost.key\n"
+                          "logpath=/var/log/tiv-rfid-svc/\nport=8036\n");
 
     // Whatever a path holds, QSettings reads back the value in use.
     const QString awkward = QString::fromUtf8("@ /etc/tiv/k\u00e9b 1,\"2\";3=\\4\t ");
@@ -163,7 +166,7 @@ TEST_F(SettingsTest, SaveLeavesWhatAnAdministratorWroteAndAddsOnlyTheMissingServ
     settings.SetKeyFile(awkward);
     settings.SaveSettings();
     EXPECT_EQ(QSettings(settingsFile(), QSettings::IniFormat).value("service/keyfile").toString(), awkward)
-        << readFile(settingsFile()).toStdString();
+        << fileText();
 }
 
 TEST_F(SettingsTest, CardSettingsAndReaderRulesAreReadAsAnAdministratorWritesThem)

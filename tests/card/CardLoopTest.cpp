@@ -129,7 +129,8 @@ TEST_F(CardLoop, EndsAtOnceAfterAStopOrWithoutAContext)
     start(SCARD_E_NO_SERVICE);
     stack.readers = {"A"};
     EXPECT_EQ(run(), Lines{});
-    EXPECT_TRUE(LogCapture::instance().contains({"Could not get PCSC context:", "-2146435043", "resource manager is not running."}));
+    EXPECT_TRUE(LogCapture::instance().contains(
+        {"Could not get PCSC context:", "-2146435043", "resource manager is not running."}));
 }
 
 } // namespace

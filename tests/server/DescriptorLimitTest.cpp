@@ -30,13 +30,10 @@ public:
         ::close(taken.back());
         taken.pop_back();
     }
-    ~DescriptorFiller() { release(); }
-
-    void release()
+    ~DescriptorFiller()
     {
         for (int fd : taken)
             ::close(fd);
-        taken.clear();
         setrlimit(RLIMIT_NOFILE, &original);
     }
 
