@@ -188,6 +188,12 @@ void Settings::LoadSettings()
     QScopedPointer<QSettings> store(openStore());
 
     loadWarnings.clear();
+    // QSettings reads an unreadable file as an empty one: without a word, the service would run
+    // on the defaults, and `--status` would ask another port than the one it serves on.
+    QFile file(store->fileName());
+    if (file.exists() && !file.open(QIODevice::ReadOnly))
+        loadWarnings << QStringLiteral("Could not read the settings file \"%1\" (%2); using the defaults.")
+                            .arg(store->fileName(), file.errorString());
     port = readPort(store->value(portKey));
     certFile = store->value(certFileKey, QStringLiteral("localhost.pem")).toString();
     keyFile = store->value(keyFileKey, QStringLiteral("localhost.key")).toString();

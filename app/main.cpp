@@ -13,6 +13,7 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QSettings>
+#include <QTextStream>
 
 #include <algorithm>
 #include <cerrno>
@@ -101,6 +102,8 @@ int main(int argc, char* argv[])
         // Reads the settings for the port and nothing else: no log, and the file stays as it is.
         if (parser.isSet(statusOption)) {
             Settings::Instance()->LoadSettings();
+            for (const QString& warning : Settings::Instance()->GetLoadWarnings())
+                QTextStream(stderr) << "tiv-rfid-svc: " << warning << '\n';
             return StatusCommand(Settings::Instance()->GetPort()).run();
         }
 

@@ -131,6 +131,12 @@ TEST_F(ServiceProcessTest, HelpVersionAndStatusTouchNoFile)
             EXPECT_TRUE(run.error.contains(QString::number(port))) << run.error.toStdString();
         }
     }
+
+    // Settings it cannot read make it ask the default port, whatever listens there: it says so
+    // rather than mislead.
+    ASSERT_TRUE(QFile::remove(service.settingsFile()) && QDir().mkpath(service.settingsFile()));
+    const ServiceProcess::CommandRun run = service.runCommand({QStringLiteral("--status")});
+    EXPECT_TRUE(run.error.startsWith("tiv-rfid-svc: Could not read the settings file")) << run.error.toStdString();
 }
 
 TEST_F(ServiceProcessTest, AClosedStandardErrorDoesNotEndTheService)

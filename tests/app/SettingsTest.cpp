@@ -118,6 +118,18 @@ TEST_F(SettingsTest, NonsenseGetsOneWarningAndTheDefault)
     EXPECT_EQ(settings.GetLoadWarnings().filter("service/logpath").size(), 1);
 }
 
+TEST_F(SettingsTest, AnUnreadableFileIsReportedAndTheDefaultsServe)
+{
+    // A directory where the file belongs cannot be read even by root, who reads any file.
+    ASSERT_TRUE(QDir().mkpath(settingsFile()));
+    settings.LoadSettings();
+    EXPECT_EQ(settings.GetPort(), 8036);
+    const QStringList warnings = settings.GetLoadWarnings();
+    ASSERT_EQ(warnings.size(), 1) << warnings.join('|').toStdString();
+    EXPECT_TRUE(warnings.first().startsWith("Could not read the settings file \"" + settingsFile() + "\""))
+        << warnings.first().toStdString();
+}
+
 ino_t inodeOf(const QString& path)
 {
     struct stat file{};
