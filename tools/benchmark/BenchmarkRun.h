@@ -28,6 +28,7 @@ struct BenchmarkOptions
     int restartCycles = 20;
     int stormSeconds = 30;
     int reconnects = 200; // of each kind
+    std::optional<int> logLevel; // the service's own default unless set
 };
 
 // The measurements, stage by stage, into one report. Each stage blocks: run it on a thread of

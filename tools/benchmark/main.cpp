@@ -125,17 +125,22 @@ int main(int argc, char** argv)
         QStringLiteral("Connections one after another, with full and with resumed TLS handshakes (default 200 each; "
                        "0 skips)."),
         QStringLiteral("n"));
+    const QCommandLineOption logLevelOption(
+        QStringLiteral("log-level"),
+        QStringLiteral("The service's log level, 0 (trace) to 6 (off); its default is 1 (debug), which\n"
+                       "logs every connection."),
+        QStringLiteral("n"));
     const QCommandLineOption quickOption(
         QStringLiteral("quick"),
         QStringLiteral("A short run: 10 taps, 5 s idle, 1 and 100 clients, 3 taps each, 2 pcscd restarts,\n"
                        "50 reconnects, a 10 s connect storm."));
     parser.addOptions({tapsOption, idleOption, clientsOption, fanOutTapsOption, restartOption, stormOption,
-                       reconnectsOption, quickOption});
+                       reconnectsOption, logLevelOption, quickOption});
     parser.process(app);
 
     BenchmarkOptions options;
     if (parser.isSet(quickOption))
-        options = BenchmarkOptions{10, 5, {1, 100}, 3, 2, 10, 50};
+        options = BenchmarkOptions{10, 5, {1, 100}, 3, 2, 10, 50, std::nullopt};
     bool valid = true;
     if (parser.isSet(tapsOption))
         valid = valid && parseCount(parser.value(tapsOption), 1, &options.taps);
@@ -149,6 +154,11 @@ int main(int argc, char** argv)
         valid = valid && parseCount(parser.value(stormOption), 0, &options.stormSeconds);
     if (parser.isSet(reconnectsOption))
         valid = valid && parseCount(parser.value(reconnectsOption), 0, &options.reconnects);
+    if (parser.isSet(logLevelOption)) {
+        int level = 0;
+        valid = valid && parseCount(parser.value(logLevelOption), 0, &level) && level <= 6;
+        options.logLevel = level;
+    }
     if (parser.isSet(clientsOption)) {
         options.clients.clear();
         for (const QString& item : parser.value(clientsOption).split(QLatin1Char(','))) {
@@ -158,7 +168,9 @@ int main(int argc, char** argv)
         }
     }
     if (!valid) {
-        std::cerr << "tiv-benchmark: counts are whole numbers (taps and clients at least 1); see --help" << std::endl;
+        std::cerr << "tiv-benchmark: counts are whole numbers (taps and clients at least 1, a log level 0 to 6); "
+                     "see --help"
+                  << std::endl;
         return 2;
     }
     // The tap-to-message latency is measured with one client in any case.
@@ -186,6 +198,8 @@ int main(int argc, char** argv)
     // the reason in `error`, when the stack did not start.
     const auto stage = [&](bool withReaders, std::string* error, const std::function<void(ServiceStack&)>& measure) {
         ServiceStack stack(withReaders);
+        if (options.logLevel)
+            stack.setSettings({{QStringLiteral("loglevel"), *options.logLevel}});
         const ServiceStack::StartResult started = stack.start(0, startTimeoutMs, cancelled);
         if (started != ServiceStack::StartResult::Started) {
             *error = started == ServiceStack::StartResult::Cancelled ? "cancelled" : stack.lastError().toStdString();
@@ -214,7 +228,8 @@ int main(int argc, char** argv)
     }
 
     std::cout << "\nThe service (" << TIV_BUILD_TYPE << " build) on a private pcscd with virtual readers, which it\n"
-              << "polls every 400 ms; each tap comes at a random moment of that cycle.\n"
+              << "polls every 400 ms; each tap comes at a random moment of that cycle. Log level: "
+              << (options.logLevel ? std::to_string(*options.logLevel) : std::string("the service's default")) << ".\n"
               << ::sysconf(_SC_NPROCESSORS_ONLN) << " CPUs, load average at start: "
               << loadAtStart.section(QLatin1Char(' '), 0, 2).toStdString()
               << ", at the end: " << firstLine(QStringLiteral("/proc/loadavg")).section(QLatin1Char(' '), 0, 2).toStdString()

@@ -59,6 +59,7 @@ ServiceStack::StartResult ServiceStack::start(quint16 port, int timeoutMs, const
 
     service = std::make_unique<ServiceProcess>();
     service->serveOn(servicePort, *certificate);
+    service->writeSettings(settings);
     service->setEnvironment(QStringLiteral("PCSCLITE_CSOCK_NAME"), daemon.socketPath());
     if (!service->start()) {
         error = QStringLiteral("the service binary did not start");

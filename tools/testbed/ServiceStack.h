@@ -3,6 +3,7 @@
 #include "PrivatePcscd.h"
 
 #include <QString>
+#include <QVariantMap>
 #include <QtGlobal>
 
 #include <functional>
@@ -34,6 +35,9 @@ public:
     StartResult start(quint16 port, int timeoutMs, const std::function<bool()>& cancelled = {});
     // SIGTERM to the service (SIGKILL if it hangs), then the daemon; removes every file.
     void stop();
+    // Settings beyond the port and the certificate (keys of the [service] section), written
+    // before each start.
+    void setSettings(const QVariantMap& values) { settings = values; }
 
     QString lastError() const { return error; }
     quint16 port() const { return servicePort; }
@@ -54,4 +58,5 @@ private:
     quint16 servicePort = 0;
     qint64 pid = 0;
     QString error;
+    QVariantMap settings;
 };
