@@ -60,6 +60,8 @@ void printTaps(std::ostream& out, const RoundResult& single)
     row("a plain PC/SC client sees the card", single.detection);
     row("the service's client has the TAG", single.lastClient);
     row("difference: the service's own time", single.serviceShare);
+    if (!single.plainRead.empty())
+        row("a plain PC/SC client reads the UID", single.plainRead);
     out << "\n";
 }
 
@@ -263,8 +265,13 @@ void printGoals(std::ostream& out, const BenchmarkReport& report)
         if (const std::optional<double> rate = perSecond(report.storm))
             row("  connections served meanwhile", fixed(*rate, 0, " /s"), "");
     }
-    if (const RoundResult* quiet = quietRound(report.rounds))
-        row("own share p50, quiet (1 client)", ms(LatencySummary::of(quiet->serviceShare).p50), "0.5 ms");
+    if (const RoundResult* quiet = quietRound(report.rounds)) {
+        // Its floor: reading the card alone, as a plain client does it, with nothing sent anywhere.
+        const double share = LatencySummary::of(quiet->serviceShare).p50;
+        const std::optional<double> read =
+            quiet->plainRead.empty() ? std::nullopt : std::optional<double>(LatencySummary::of(quiet->plainRead).p50);
+        row("own share p50, quiet (1 client)", ms(share), "0.5 ms", read ? ms(*read) : "", ratio(share, read));
+    }
     if (report.idleSeconds > 0) {
         row("idle CPU, both readers attached", idle(report.idleWithReaders), "0.02 %");
         row("idle CPU, pcscd up with no reader", idle(report.idleWithoutReader), "0.02 %");

@@ -19,6 +19,8 @@ struct RoundResult
     std::vector<double> lastClient;
     std::vector<double> serviceShare; // from detection to the last client
     std::vector<double> firstToLast;
+    // One client only: a plain PC/SC client reading the same card as the service does, after it.
+    std::vector<double> plainRead;
     std::optional<double> plainTcpFloorMs; // first to last, plain TCP writes instead of TAGs
     std::optional<double> plainTlsFloorSeconds; // connecting, bare TLS handshakes instead
     std::string error;

@@ -222,7 +222,8 @@ RoundResult BenchmarkRun::runRound(const ServiceStack& target, ReaderPresenceWat
     for (int i = 0; (until ? Clock::now() < *until : i < taps) && round.error.empty(); ++i) {
         if (!pause(std::chrono::milliseconds(phase(random))))
             break;
-        const std::optional<Tap> times = tap(target, presence, arrivals, messageTimeout, &round.error);
+        const std::optional<Tap> times =
+            tap(target, presence, arrivals, messageTimeout, &round.error, clients == 1 && !until);
         if (!times)
             break;
         if (!times->spread) {
@@ -234,6 +235,8 @@ RoundResult BenchmarkRun::runRound(const ServiceStack& target, ReaderPresenceWat
         round.lastClient.push_back(msBetween(times->laid, times->spread->last));
         round.serviceShare.push_back(msBetween(times->seen, times->spread->last));
         round.firstToLast.push_back(msBetween(times->spread->first, times->spread->last));
+        if (times->plainReadMs)
+            round.plainRead.push_back(*times->plainReadMs);
     }
     round.cpuPerTapMs = cpuMsEach(cpuBeforeTaps, ProcessStats::cpuSeconds(target.servicePid()), round.lastClient.size());
     if (cancelled && round.error.empty())
@@ -379,7 +382,7 @@ void BenchmarkRun::measureRestarts(ServiceStack& target)
 
 std::optional<BenchmarkRun::Tap> BenchmarkRun::tap(const ServiceStack& target, ReaderPresenceWatch& presence,
                                                    TagArrivals& arrivals, std::chrono::milliseconds messageTimeout,
-                                                   std::string* error)
+                                                   std::string* error, bool timePlainRead)
 {
     const uint32_t number = 0xb0000000u + static_cast<uint32_t>(++tapCount);
     const VirtualCards::Bytes uid = {static_cast<uint8_t>(number >> 24), static_cast<uint8_t>(number >> 16),
@@ -411,6 +414,9 @@ std::optional<BenchmarkRun::Tap> BenchmarkRun::tap(const ServiceStack& target, R
     // let go of it, which resets it. Pulled during that reset, pcscd would report it gone
     // while still holding it as present, and miss the next card laid within its poll cycle.
     const bool released = card.waitForPowerUps(2, messageTimeout);
+    // The service's read is set beside the same six calls by a client with nothing else to do.
+    if (timePlainRead && seen && result.spread && released)
+        result.plainReadMs = plainUidReadMs(reader);
     card.takeAway();
     const auto gone = presence.waitFor(reader, false, presenceTimeout);
     if (cancelled)

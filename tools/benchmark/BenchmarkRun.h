@@ -58,6 +58,7 @@ private:
         TagArrivals::Clock::time_point laid;
         TagArrivals::Clock::time_point seen;
         std::optional<TagArrivals::Spread> spread; // none: not every client had the TAG in time
+        std::optional<double> plainReadMs;
     };
 
     // Lets cancel() reach what a stage waits on, while the hook lives.
@@ -81,8 +82,9 @@ private:
     bool connectClients(WssClientGroup& group, TagArrivals& arrivals, quint16 port, int clients, std::string* error);
     // Lays a fresh tag and takes it away once every client has its TAG or `messageTimeout`
     // has passed. Nothing when PC/SC did not see it come and go, or when cancelled.
+    // With `timePlainRead`, a plain PC/SC client reads the card too once the service is done.
     std::optional<Tap> tap(const ServiceStack& target, ReaderPresenceWatch& presence, TagArrivals& arrivals,
-                           std::chrono::milliseconds messageTimeout, std::string* error);
+                           std::chrono::milliseconds messageTimeout, std::string* error, bool timePlainRead = false);
     // Waits unless cancelled; false when cancelled.
     bool pause(std::chrono::milliseconds duration);
 

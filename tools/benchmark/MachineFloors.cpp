@@ -13,6 +13,8 @@
 
 #include <openssl/ssl.h>
 
+#include <winscard.h>
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -212,4 +214,37 @@ std::optional<double> plainTlsHandshakesSeconds(int connections)
     if (failed)
         return std::nullopt;
     return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+std::optional<double> plainUidReadMs(const std::string& reader)
+{
+    SCARDCONTEXT context = 0;
+    if (SCardEstablishContext(SCARD_SCOPE_USER, nullptr, nullptr, &context) != SCARD_S_SUCCESS)
+        return std::nullopt;
+    const auto start = Clock::now();
+    SCARDHANDLE card = 0;
+    DWORD protocol = 0;
+    bool read = SCardConnect(context, reader.c_str(), SCARD_SHARE_SHARED, SCARD_PROTOCOL_T0 | SCARD_PROTOCOL_T1,
+                             &card, &protocol) == SCARD_S_SUCCESS;
+    if (read) {
+        read = SCardBeginTransaction(card) == SCARD_S_SUCCESS;
+        DWORD state = 0;
+        DWORD cardProtocol = 0;
+        unsigned char atr[MAX_ATR_SIZE];
+        DWORD atrLength = sizeof atr;
+        read = read && SCardStatus(card, nullptr, nullptr, &state, &cardProtocol, atr, &atrLength) == SCARD_S_SUCCESS;
+        const unsigned char readUid[] = {0xFF, 0xCA, 0x00, 0x00, 0x00};
+        unsigned char reply[10];
+        DWORD replyLength = sizeof reply;
+        const SCARD_IO_REQUEST sendPci{protocol, sizeof(SCARD_IO_REQUEST)};
+        read = read && SCardTransmit(card, &sendPci, readUid, sizeof readUid, nullptr, reply, &replyLength)
+                           == SCARD_S_SUCCESS;
+        read = SCardEndTransaction(card, SCARD_LEAVE_CARD) == SCARD_S_SUCCESS && read;
+        read = SCardDisconnect(card, SCARD_RESET_CARD) == SCARD_S_SUCCESS && read;
+    }
+    const auto end = Clock::now();
+    SCardReleaseContext(context);
+    if (!read)
+        return std::nullopt;
+    return std::chrono::duration<double, std::milli>(end - start).count();
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <optional>
+#include <string>
 
 // Floors of this machine, beside which the service's figures are read: the same work without
 // TLS, WebSocket, greeting or log.
@@ -15,3 +16,8 @@ std::optional<double> plainTcpFanOutMs(int sockets, int rounds);
 // reuse). One server thread and one client thread per core keep every core busy, as the service
 // and its many clients do. Seconds until the last handshake is done; none when one failed.
 std::optional<double> plainTlsHandshakesSeconds(int connections);
+
+// Reading the tag on `reader` as the service does, by a plain PC/SC client on a context of its
+// own: connect, transaction, status, READ UID, end, disconnect with a reset. Milliseconds for
+// those six calls; none when one of them failed.
+std::optional<double> plainUidReadMs(const std::string& reader);
