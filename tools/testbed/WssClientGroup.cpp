@@ -73,6 +73,15 @@ struct WssClientGroup::Impl
             if (resume && session)
                 SSL_set_session(socket.native_handle(), session.get());
         });
+        // As a browser does: without it a resumed handshake's last flight and the upgrade
+        // request that follows it wait for a delayed ACK, 40 ms a connection.
+        endpoint.set_tcp_pre_init_handler([this](websocketpp::connection_hdl hdl) {
+            websocketpp::lib::error_code ec;
+            if (Client::connection_ptr con = endpoint.get_con_from_hdl(hdl, ec)) {
+                boost::system::error_code ignored;
+                con->get_raw_socket().set_option(boost::asio::ip::tcp::no_delay(true), ignored);
+            }
+        });
         ioThread = std::thread([this] { endpoint.run(); });
     }
 
