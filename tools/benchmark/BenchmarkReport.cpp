@@ -197,6 +197,9 @@ void printStorm(std::ostream& out, const BenchmarkReport& report)
     };
     if (!storm.taps.serviceShare.empty())
         row("during the storm", storm.taps.serviceShare);
+    // The card's own part of that, under the same storm: the read alone, by a plain client.
+    if (!storm.taps.plainRead.empty())
+        row("  a plain client reads the UID", storm.taps.plainRead);
     if (const RoundResult* quiet = quietRound(report.rounds))
         row("quiet, 1 client", quiet->serviceShare);
     if (const std::optional<double> rate = perSecond(storm))
@@ -261,7 +264,12 @@ void printGoals(std::ostream& out, const BenchmarkReport& report)
 
     if (!report.storm.taps.serviceShare.empty()) {
         const LatencySummary s = LatencySummary::of(report.storm.taps.serviceShare);
-        row("own share p50 / p95, connect storm", fixed(s.p50, 1, "") + " / " + ms(s.p95), "1 / 2 ms");
+        std::string floor;
+        if (!report.storm.taps.plainRead.empty()) {
+            const LatencySummary read = LatencySummary::of(report.storm.taps.plainRead);
+            floor = fixed(read.p50, 1, "") + " / " + fixed(read.p95, 1, "");
+        }
+        row("own share p50 / p95, connect storm", fixed(s.p50, 1, "") + " / " + ms(s.p95), "1 / 2 ms", floor);
         if (const std::optional<double> rate = perSecond(report.storm))
             row("  connections served meanwhile", fixed(*rate, 0, " /s"), "");
     }

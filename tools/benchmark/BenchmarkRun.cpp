@@ -223,7 +223,7 @@ RoundResult BenchmarkRun::runRound(const ServiceStack& target, ReaderPresenceWat
         if (!pause(std::chrono::milliseconds(phase(random))))
             break;
         const std::optional<Tap> times =
-            tap(target, presence, arrivals, messageTimeout, &round.error, clients == 1 && !until);
+            tap(target, presence, arrivals, messageTimeout, &round.error, clients == 1);
         if (!times)
             break;
         if (!times->spread) {
