@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -18,11 +17,8 @@
 #include <spawn.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-extern char** environ;
 
 namespace {
 
@@ -148,15 +144,13 @@ TEST_F(ServiceProcessTest, AClosedStandardErrorDoesNotEndTheService)
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, pipeEnds[1], STDERR_FILENO);
-    QByteArrayList variables{"XDG_CONFIG_DIRS=" + service.dir().toUtf8() + "/xdg",
-                             "PCSCLITE_CSOCK_NAME=" + service.dir().toUtf8() + "/no-pcscd.comm"};
+    QProcessEnvironment variables = QProcessEnvironment::systemEnvironment();
+    variables.insert(QStringLiteral("XDG_CONFIG_DIRS"), service.dir() + QStringLiteral("/xdg"));
+    variables.insert(QStringLiteral("PCSCLITE_CSOCK_NAME"), service.dir() + QStringLiteral("/no-pcscd.comm"));
+    QByteArrayList entries;
     std::vector<char*> environment;
-    for (QByteArray& variable : variables)
-        environment.push_back(variable.data());
-    for (char** entry = environ; *entry; ++entry) {
-        if (std::strncmp(*entry, "XDG_CONFIG_DIRS=", 16) != 0 && std::strncmp(*entry, "PCSCLITE_CSOCK_NAME=", 20) != 0)
-            environment.push_back(*entry);
-    }
+    for (const QString& entry : variables.toStringList())
+        environment.push_back((entries << entry.toLocal8Bit()).last().data());
     environment.push_back(nullptr);
     char binary[] = TIV_SERVICE_BINARY;
     char* arguments[] = {binary, nullptr};
@@ -210,11 +204,8 @@ TEST_F(ServiceProcessTest, DaemonDetachesServesAndKeepsItsFilesPrivate)
     int exitStatus = -1;
     ASSERT_EQ(::waitpid(daemon, &exitStatus, 0), daemon);
     EXPECT_TRUE(WIFEXITED(exitStatus) && WEXITSTATUS(exitStatus) == 0);
-    for (const QString& name : QDir(service.logDir()).entryList(QDir::Files)) {
-        struct stat file{};
-        ASSERT_EQ(::stat(QFile::encodeName(service.logDir() + name).constData(), &file), 0);
-        EXPECT_EQ(file.st_mode & 07777, 0640u) << name.toStdString();
-    }
+    for (const QString& name : QDir(service.logDir()).entryList(QDir::Files))
+        EXPECT_EQ(fileMode(service.logDir() + name), 0640) << name.toStdString();
 }
 
 } // namespace

@@ -2,19 +2,15 @@
 
 #include "PcscService.h"
 #include "ReaderCommand.h"
-#include "SmartCardErrorMessages.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>
-
 
 namespace {
 
 using namespace FakePcsc;
 
 using CardLoop = FakeStack;
-
-const int refreshMs = 15000;
 
 TEST_F(CardLoop, WithNoReaderTheWaitBlocksAndAReaderThatAppearsIsReadAtOnce)
 {
@@ -28,7 +24,7 @@ TEST_F(CardLoop, WithNoReaderTheWaitBlocksAndAReaderThatAppearsIsReadAtOnce)
     EXPECT_EQ(run(), (Lines{"connect A", "rfid A 04112233445566778899", "disconnect A"}));
     EXPECT_EQ(calls("Wait"), (Lines{"Wait 0 1", "Wait 15000 1", "Wait 15000 1", "Wait 15000 1", "Wait 15000 1",
                                     "Wait 15000 2", "Wait 15000 2"}));
-    EXPECT_EQ(stack.clockMs, 3 * refreshMs);
+    EXPECT_EQ(stack.clockMs, 3 * SmartCardController::refreshInterval.count());
 }
 
 TEST_F(CardLoop, AReaderUnpluggedDuringAWaitCostsTheOthersNothing)
@@ -47,10 +43,7 @@ TEST_F(CardLoop, AReaderUnpluggedDuringAWaitCostsTheOthersNothing)
 
         Lines expected = {"connect A", "connect B"};
         if (failure != SCARD_S_SUCCESS)
-            expected.push_back(QStringLiteral("error %1 %2")
-                                   .arg(static_cast<quint32>(failure), 8, 16, QLatin1Char('0'))
-                                   .arg(SmartCardErrorMessages::text(static_cast<int>(failure)))
-                                   .toStdString());
+            expected.push_back(errorLine(failure));
         expected.insert(expected.end(), {"disconnect A", "rfid B 0b", "disconnect B"});
         EXPECT_EQ(run(), expected);
         EXPECT_EQ(calls("Pause"), Lines{}) << "a single failure is retried at once";
@@ -129,8 +122,9 @@ TEST_F(CardLoop, EndsAtOnceAfterAStopOrWithoutAContext)
     start(SCARD_E_NO_SERVICE);
     stack.readers = {"A"};
     EXPECT_EQ(run(), Lines{});
-    EXPECT_TRUE(LogCapture::instance().contains(
-        {"Could not get PCSC context:", "-2146435043", "resource manager is not running."}));
+    EXPECT_EQ(LogCapture::instance().count(
+                  {"Could not get PCSC context:", "-2146435043", "resource manager is not running."}),
+              1);
 }
 
 } // namespace

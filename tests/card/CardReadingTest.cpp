@@ -1,7 +1,6 @@
 #include "FakeStackFixture.h"
 
 #include "RetryingCardReader.h"
-#include "SmartCardErrorMessages.h"
 
 namespace {
 
@@ -11,21 +10,12 @@ using CardReading = FakeStack;
 using CardPresence = FakeStack;
 using IgnoredReaders = FakeStack;
 
-const int refreshMs = 15000;
 const std::string leave = "Disconnect " + std::to_string(SCARD_LEAVE_CARD);
 const std::string reset = "Disconnect " + std::to_string(SCARD_RESET_CARD);
 
 const Reply statusOnly(unsigned char sw1, unsigned char sw2)
 {
     return {SCARD_S_SUCCESS, {sw1, sw2}};
-}
-
-std::string errorLine(LONG failure)
-{
-    return QStringLiteral("error %1 %2")
-        .arg(static_cast<quint32>(failure), 8, 16, QLatin1Char('0'))
-        .arg(SmartCardErrorMessages::text(static_cast<int>(failure)))
-        .toStdString();
 }
 
 int warningsAbout(const QString& fragment)
@@ -50,9 +40,9 @@ TEST_F(CardReading, AReadThatFailsWhileTheCardStaysIsTriedAgainAndTheCardReporte
          {leave}},
         {"not transacted", [] { stack.failOnce["Transmit"] = SCARD_E_NOT_TRANSACTED; }, "SCardTransmit returned:",
          SCARD_E_NOT_TRANSACTED, {leave}},
-        {"status word", [] { stack.cards["A"] = tagFailingFirst({0x01}, statusOnly(0x63, 0x00)); }, "Wrong response",
+        {"status word", [] { stack.cards["A"] = tag({0x01}, statusOnly(0x63, 0x00), 1); }, "Wrong response",
          SCARD_S_SUCCESS, {reset}},
-        {"empty UID", [] { stack.cards["A"] = tagFailingFirst({0x01}, statusOnly(0x90, 0x00)); }, "empty UID",
+        {"empty UID", [] { stack.cards["A"] = tag({0x01}, statusOnly(0x90, 0x00), 1); }, "empty UID",
          SCARD_S_SUCCESS, {reset}},
     };
     for (const auto& fault : faults) {
@@ -90,7 +80,7 @@ TEST_F(CardReading, ACardThatIsGoneOrOfNoKnownTypeIsNotTriedAgain)
         // Taken off during the pause before the next attempt.
         {"gone after a failed read",
          [] {
-             stack.cards["A"] = tagFailingFirst({0x01}, statusOnly(0x63, 0x00));
+             stack.cards["A"] = tag({0x01}, statusOnly(0x63, 0x00), 1);
              stack.script.push_front([] {
                  stack.cards.erase("A");
                  stack.cardEvents["A"] += 1;
@@ -113,7 +103,7 @@ TEST_F(CardReading, ACardThatIsGoneOrOfNoKnownTypeIsNotTriedAgain)
 TEST_F(CardReading, ACardSwappedDuringARetryIsLeftToTheLoopAndReadOnce)
 {
     stack.readers = {"A"};
-    stack.cards["A"] = tagFailingFirst({0x01}, statusOnly(0x63, 0x00));
+    stack.cards["A"] = tag({0x01}, statusOnly(0x63, 0x00), 1);
     stack.script.push_back([] {
         stack.cards["A"] = tag({0x02});
         stack.cardEvents["A"] += 2;
@@ -128,15 +118,15 @@ TEST_F(CardReading, OfAFailingCardOneWarningASecondIsLoggedAndItIsReadAgainAtThe
     const int attempts = RetryingCardReader::attempts;
     stack.readers = {"A", "B"};
     // A fails two refreshes through, B only its first read.
-    stack.cards["A"] = tagFailingFirst({0x01}, statusOnly(0x63, 0x00), 2 * attempts);
-    stack.cards["B"] = tagFailingFirst({0x02}, statusOnly(0x63, 0x00), 1);
+    stack.cards["A"] = tag({0x01}, statusOnly(0x63, 0x00), 2 * attempts);
+    stack.cards["B"] = tag({0x02}, statusOnly(0x63, 0x00), 1);
     // Pauses before the attempts and the waits until the refreshes.
     stack.addWaitSteps(attempts + 1 + attempts - 1 + 1);
 
     EXPECT_EQ(run(), (Lines{"connect A", "connect B", "rfid B 02", "rfid B 02", "rfid A 01", "rfid B 02",
                             "disconnect A", "disconnect B"}));
     EXPECT_EQ(calls("Connect A").size(), 2u * attempts + 1);
-    EXPECT_EQ(stack.clockMs, 2 * refreshMs);
+    EXPECT_EQ(stack.clockMs, 2 * SmartCardController::refreshInterval.count());
     // The attempts of one refresh go by within a second: one line each time, that of the second
     // with the count of those held back the first time.
     EXPECT_EQ(warningsAbout("Wrong response"), 2);
@@ -148,7 +138,7 @@ TEST_F(CardReading, OfAFailingCardOneWarningASecondIsLoggedAndItIsReadAgainAtThe
 TEST_F(CardReading, AStopDuringTheRetryPauseEndsTheRead)
 {
     stack.readers = {"A"};
-    stack.cards["A"] = tagFailingFirst({0x01}, statusOnly(0x63, 0x00));
+    stack.cards["A"] = tag({0x01}, statusOnly(0x63, 0x00), 1);
     stack.script.push_back([this] { controller->stop(); });
 
     EXPECT_EQ(run(), (Lines{"connect A", "disconnect A"}));

@@ -3,6 +3,7 @@
 #include "FakePcsc.h"
 #include "LogCapture.h"
 #include "SmartCardController.h"
+#include "SmartCardErrorMessages.h"
 
 #include <QRegularExpression>
 
@@ -96,6 +97,15 @@ protected:
     {
         controller->process();
         return notes();
+    }
+
+    // A failure as FailureLog puts it into the journal.
+    static std::string errorLine(LONG failure)
+    {
+        return QStringLiteral("error %1 %2")
+            .arg(static_cast<quint32>(failure), 8, 16, QLatin1Char('0'))
+            .arg(SmartCardErrorMessages::text(static_cast<int>(failure)))
+            .toStdString();
     }
 
     static Lines notes() { return journalEntries([](const std::string& entry) { return !std::isupper(static_cast<unsigned char>(entry[0])); }); }

@@ -47,7 +47,6 @@ TEST_F(CardTapEndToEnd, ATagWhoseFirstReadFailsIsReadAgainAndReportedOnce)
     EXPECT_EQ(summary(next(*client)), "TAG 04a1b2c3");
     EXPECT_EQ(next(*client, 2000), "<nothing>") << "still on the reader";
     EXPECT_EQ(card->receivedApdus().size(), 2u) << "the failed read and the second one";
-    EXPECT_GE(service.countInLog(QStringLiteral("Wrong response")), 1);
 }
 
 // What the client saw of a run of taps, and the card it lifts the moment that card's message
@@ -116,30 +115,26 @@ public:
         return arrived.wait_for(lock, timeout, [&] { return refreshes >= count; });
     }
 
+    // Reads what the client's thread writes.
+    template <typename Read>
+    auto locked(Read read)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return read();
+    }
     void takeAway()
     {
-        std::lock_guard<std::mutex> lock(mutex);
-        if (card)
-            card->takeAway();
+        locked([this] {
+            if (card)
+                card->takeAway();
+        });
     }
 
-    std::map<std::string, int> tagCounts()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        return tags;
-    }
+    std::map<std::string, int> tags;
     // Delivered only after a refresh that came once PC/SC had seen the card: the service
     // missed it as it was laid.
-    bool lastCameWithARefresh()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        return delivered && marksWhenDelivered > marksWhenSeen;
-    }
-    int cardsLaidAgain()
-    {
-        std::lock_guard<std::mutex> lock(mutex);
-        return laidAgain;
-    }
+    bool lastCameWithARefresh() const { return delivered && marksWhenDelivered > marksWhenSeen; }
+    int laidAgain = 0;
 
 private:
     std::mutex mutex;
@@ -147,11 +142,9 @@ private:
     std::unique_ptr<VirtualCard> card;
     std::string expected;
     bool delivered = false;
-    std::map<std::string, int> tags;
     int refreshes = 0;
     int marksWhenSeen = -1;
     int marksWhenDelivered = 0;
-    int laidAgain = 0;
 };
 
 TEST_F(CardTapEndToEnd, CardsLiftedTheMomentTheirMessageArrivesLoseNoTapAndAreReportedOnce)
@@ -180,7 +173,8 @@ TEST_F(CardTapEndToEnd, CardsLiftedTheMomentTheirMessageArrivesLoseNoTapAndAreRe
         if (!lifts.lay(id, pcscd.vpcdPort(1), presence, reader))
             continue;
         ++seen;
-        if (lifts.waitForDelivery(std::chrono::milliseconds(eventTimeoutMs)) && !lifts.lastCameWithARefresh())
+        if (lifts.waitForDelivery(std::chrono::milliseconds(eventTimeoutMs))
+            && !lifts.locked([&] { return lifts.lastCameWithARefresh(); }))
             ++delivered;
         else
             lost.push_back(id);
@@ -193,11 +187,11 @@ TEST_F(CardTapEndToEnd, CardsLiftedTheMomentTheirMessageArrivesLoseNoTapAndAreRe
     ASSERT_TRUE(lifts.lay(last, pcscd.vpcdPort(1), presence, reader));
     ASSERT_TRUE(lifts.waitForDelivery(std::chrono::milliseconds(eventTimeoutMs)));
 
-    std::cout << "quick lifts: " << delivered << " of " << seen << " delivered; " << lifts.cardsLaidAgain()
+    std::cout << "quick lifts: " << delivered << " of " << seen << " delivered; " << lifts.locked([&] { return lifts.laidAgain; })
               << " laid again as PC/SC did not take them up" << std::endl;
     EXPECT_GT(seen, taps / 2) << "PC/SC took up too few cards to tell";
     EXPECT_EQ(delivered, seen) << ::testing::PrintToString(lost);
-    for (const auto& [id, count] : lifts.tagCounts())
+    for (const auto& [id, count] : lifts.locked([&] { return lifts.tags; }))
         EXPECT_EQ(count, 1) << id;
 }
 

@@ -58,6 +58,7 @@ TEST_F(LogPrivacyEndToEnd, ATapAtTheDefaultLevelLeavesNoCardIdInAnyLog)
         EXPECT_NE(written, "<unreadable>") << library.toStdString();
         EXPECT_FALSE(QString::fromUtf8(written).contains(cardId, Qt::CaseInsensitive));
     }
+    EXPECT_TRUE(readFile(service.logDir() + "/access.log").contains("WebSocket Connection"));
 
     // Qt's own diagnostics stay on standard error alone.
     EXPECT_TRUE(standardError.contains("Client connected.")) << standardError.toStdString();

@@ -2,7 +2,6 @@
 #include "LogTestSupport.h"
 
 #include <QDir>
-#include <QRegularExpression>
 #include <QScopeGuard>
 #include <QTemporaryDir>
 #include <QTextCodec>
@@ -15,36 +14,16 @@ namespace {
 using namespace Log;
 using Files = std::map<QString, QByteArray>;
 
-class FileDestinationTest : public ::testing::Test
+// The files in the directory with their contents.
+Files files(const QTemporaryDir& dir)
 {
-protected:
-    // The files in the directory with their contents.
-    Files files(const QString& subdirectory = ".") const
-    {
-        Files found;
-        for (const QFileInfo& file : QDir(dir.filePath(subdirectory)).entryInfoList(QDir::Files))
-            found[file.fileName()] = readFile(file.filePath());
-        return found;
-    }
-    // As an older run left them, its live log readable by anyone.
-    void create(const Files& created) const
-    {
-        for (const auto& [name, bytes] : created) {
-            ASSERT_TRUE(writeFile(dir.filePath(name), bytes));
-            ASSERT_EQ(::chmod(QFile::encodeName(dir.filePath(name)).constData(), name == "app.log" ? 0644 : 0640), 0);
-        }
-    }
-    DestinationPtr make(qint64 maxSize, int backups, const QString& name = "app.log",
-                        LogRotationOption rotation = LogRotationEnabled) const
-    {
-        return DestinationFactory::MakeFileDestination(dir.filePath(name), rotation, MaxSizeBytes(maxSize),
-                                                       MaxOldLogCount(backups));
-    }
+    Files found;
+    for (const QFileInfo& file : QDir(dir.path()).entryInfoList(QDir::Files))
+        found[file.fileName()] = readFile(file.filePath());
+    return found;
+}
 
-    QTemporaryDir dir;
-};
-
-TEST_F(FileDestinationTest, RotationFollowsTheUtf8SizeKeepsAtMostTenBackupsInAnUnbrokenRunAndNoneWorldReadable)
+TEST(FileDestination, RotationFollowsTheUtf8SizeKeepsAtMostTenBackupsInAnUnbrokenRunAndNoneWorldReadable)
 {
     // With a limit of 0 every line rotates first, so line n ends up in backup 13 - n.
     const QStringList thirteen = QString("1 2 3 4 5 6 7 8 9 10 11 12 13").split(' ');
@@ -79,13 +58,18 @@ TEST_F(FileDestinationTest, RotationFollowsTheUtf8SizeKeepsAtMostTenBackupsInAnU
     const auto restoreUmask = qScopeGuard([previous = ::umask(0)] { ::umask(previous); });
     for (size_t i = 0; i < std::size(cases); ++i) {
         SCOPED_TRACE(::testing::Message() << "case " << i);
-        ASSERT_TRUE(QDir(dir.path()).removeRecursively() && QDir().mkpath(dir.path()));
-        create(cases[i].before);
-        const auto rotation = cases[i].maxSize < 0 ? LogRotationDisabled : LogRotationEnabled;
-        const DestinationPtr destination = make(cases[i].maxSize, cases[i].backups, "app.log", rotation);
+        const QTemporaryDir dir;
+        // As an older run left them, its live log readable by anyone.
+        for (const auto& [name, bytes] : cases[i].before) {
+            ASSERT_TRUE(writeFile(dir.filePath(name), bytes));
+            ASSERT_EQ(::chmod(QFile::encodeName(dir.filePath(name)).constData(), name == "app.log" ? 0644 : 0640), 0);
+        }
+        const DestinationPtr destination = DestinationFactory::MakeFileDestination(
+            dir.filePath("app.log"), cases[i].maxSize < 0 ? LogRotationDisabled : LogRotationEnabled,
+            MaxSizeBytes(cases[i].maxSize), MaxOldLogCount(cases[i].backups));
         for (const QString& line : cases[i].lines)
             destination->write(line, LevelInfo);
-        EXPECT_EQ(files(), cases[i].after);
+        EXPECT_EQ(files(dir), cases[i].after);
         for (const auto& [name, bytes] : cases[i].after)
             EXPECT_EQ(fileMode(dir.filePath(name)), 0640) << name.toStdString();
     }

@@ -1,18 +1,16 @@
 #pragma once
 
-#include "TestFiles.h"
 #include "PrintQString.h"
+#include "TestFiles.h"
 
 #include <QByteArray>
 #include <QCoreApplication>
-#include <QFile>
 #include <QProcess>
 #include <QString>
 
 #include <gtest/gtest.h>
 
 #include <ctime>
-#include <sys/stat.h>
 
 // Set for a test run again in a process of its own, which keeps the environment it was given.
 inline const char* const freshProcessVariable = "TIV_TEST_FRESH_PROCESS";
@@ -22,13 +20,6 @@ inline const char* const freshProcessVariable = "TIV_TEST_FRESH_PROCESS";
 // sanitizer cannot see.
 inline const bool farZoneSet =
     qEnvironmentVariableIsSet(freshProcessVariable) || (qputenv("TZ", "XYZ-05:45"), tzset(), true);
-
-// Permission bits of a file; -1 when it cannot be read.
-inline int fileMode(const QString& path)
-{
-    struct stat status;
-    return ::stat(QFile::encodeName(path).constData(), &status) == 0 ? int(status.st_mode & 07777) : -1;
-}
 
 struct FreshRun
 {

@@ -16,15 +16,17 @@ using namespace Log;
 
 QStringList lines;
 
+void collectLines()
+{
+    lines.clear();
+    Logger::instance().addDestination(
+        DestinationFactory::MakeFunctorDestination([](const QString& line, Level) { lines << line; }));
+}
+
 class LoggerTest : public ::testing::Test
 {
 protected:
-    void SetUp() override
-    {
-        lines.clear();
-        Logger::instance().addDestination(
-            DestinationFactory::MakeFunctorDestination([](const QString& line, Level) { lines << line; }));
-    }
+    void SetUp() override { collectLines(); }
     void TearDown() override { Logger::destroyInstance(); }
 };
 
@@ -81,9 +83,7 @@ TEST(Timestamp, FirstLinesOfManyThreadsAtOnceAllCarryAWellFormedOne)
         return;
     }
 
-    lines.clear();
-    Logger::instance().addDestination(
-        DestinationFactory::MakeFunctorDestination([](const QString& line, Level) { lines << line; }));
+    collectLines();
     constexpr int threadCount = 16;
     std::atomic<int> waiting{threadCount};
     const auto logAtOnce = [&waiting] {

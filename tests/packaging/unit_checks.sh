@@ -148,13 +148,12 @@ s = socket.socket(); s.bind(("127.0.0.1", int(sys.argv[1]))); s.listen(); print(
   check "the package purges" purge
   on_target systemctl daemon-reload
   check "purge leaves no unit" test "$(show LoadState)" = not-found
-  check "purge leaves no enablement link" gone /etc/systemd/system/multi-user.target.wants/$unit
-  check "purge leaves no binary" gone /usr/bin/tiv-rfid-svc
-  check "purge leaves no certificate folder" gone /etc/tiv-rfid-svc
-  check "purge leaves no settings" gone "$settings"
-  check "purge leaves no logs" gone /var/log/tiv-rfid-svc
-  check "purge leaves no user" test -z "$(on_target getent passwd tiv-rfid-svc)"
-  check "purge leaves no group" test -z "$(on_target getent group tiv-rfid-svc)"
+  local path
+  for path in "/etc/systemd/system/multi-user.target.wants/$unit" /usr/bin/tiv-rfid-svc /etc/tiv-rfid-svc \
+              "$settings" /var/log/tiv-rfid-svc; do
+    check "purge leaves no $path" gone "$path"
+  done
+  check "purge leaves no user or group" test -z "$(on_target getent passwd tiv-rfid-svc; on_target getent group tiv-rfid-svc)"
 }
 
 # On failure: what the unit said.

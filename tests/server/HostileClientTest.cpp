@@ -1,6 +1,5 @@
 #include "RawTlsClient.h"
 #include "RunningServer.h"
-#include "TestFiles.h"
 
 #include <chrono>
 #include <memory>
@@ -75,22 +74,6 @@ TEST_F(RunningServer, PreStandardDraftHandshakesAreRefusedWithUpgradeRequired)
     EXPECT_TRUE(current.upgrade());
     ASSERT_TRUE(waitForClients(1));
     EXPECT_EQ(announcedClients().size(), 1u);
-}
-
-TEST_F(RunningServer, AccessLogRecordsConnectionsButNoPayloads)
-{
-    TestWsClient client;
-    ASSERT_TRUE(client.connect(port));
-    ASSERT_TRUE(waitForClients(1));
-    thread->sendToAll("badge 04a1b2c3");
-    EXPECT_EQ(client.nextMessage(), QStringLiteral("badge 04a1b2c3"));
-    ASSERT_TRUE(client.send("client says 0badc0de"));
-    ASSERT_TRUE(logged("client says 0badc0de"));
-
-    const QByteArray written = readFile(logPrefix() + "access.log");
-    EXPECT_TRUE(written.contains("WebSocket Connection")) << written.toStdString();
-    EXPECT_FALSE(written.contains("04a1b2c3"));
-    EXPECT_FALSE(written.contains("0badc0de"));
 }
 
 TEST_F(RunningServer, AConnectionNotOpenFiveSecondsAfterItsAcceptIsClosedThoughEachHandshakeWasInTime)

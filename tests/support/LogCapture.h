@@ -56,8 +56,6 @@ public:
         std::lock_guard<std::mutex> lock(mutex);
         return captured.filter(fragment);
     }
-    bool contains(const QStringList& fragments) const { return count(fragments) > 0; }
-    bool contains(const QString& fragment) const { return count(fragment) > 0; }
 
 private:
     LogCapture() = default;

@@ -92,31 +92,23 @@ public:
         return !bytes.isEmpty() && SSL_write(ssl, bytes.constData(), bytes.size()) == bytes.size();
     }
 
-    // Sends `request` and returns the status code of the server's answer, 0 when none came.
-    int handshake(const QByteArray& request)
-    {
-        if (!write(request))
-            return 0;
-        QByteArray answer;
-        char buffer[1024];
-        int got = 0;
-        while (!answer.contains("\r\n\r\n") && (got = SSL_read(ssl, buffer, sizeof buffer)) > 0)
-            answer.append(buffer, got);
-        const QList<QByteArray> statusLine = answer.left(answer.indexOf("\r\n")).split(' ');
-        return statusLine.size() >= 2 ? statusLine[1].toInt() : 0;
-    }
-
-    // Sends `request` and returns all the server sends until it ends the connection.
-    QByteArray exchange(const QByteArray& request)
+    // Sends `request` and returns the server's answer: until the end of its headers when
+    // `headersOnly`, else all it sends until it ends the connection.
+    QByteArray exchange(const QByteArray& request, bool headersOnly = false)
     {
         QByteArray answer;
-        if (!write(request))
-            return answer;
         char buffer[4096];
         int got = 0;
-        while ((got = SSL_read(ssl, buffer, sizeof buffer)) > 0)
-            answer.append(buffer, got);
+        if (write(request))
+            while (!(headersOnly && answer.contains("\r\n\r\n")) && (got = SSL_read(ssl, buffer, sizeof buffer)) > 0)
+                answer.append(buffer, got);
         return answer;
+    }
+    // The status code of the server's answer to `request`, 0 when none came.
+    int handshake(const QByteArray& request)
+    {
+        const QList<QByteArray> statusLine = exchange(request, true).split('\r').first().split(' ');
+        return statusLine.size() >= 2 ? statusLine[1].toInt() : 0;
     }
 
     // A standard WebSocket upgrade; upgrade() sends it and is true on 101.
@@ -169,16 +161,12 @@ public:
         setTimeouts(timeoutMs);
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
         char buffer[4096];
-        while (std::chrono::steady_clock::now() < deadline) {
-            const int got = SSL_read(ssl, buffer, sizeof buffer);
-            if (got > 0)
-                continue;
-            // The receive time-out passed: still open.
-            const int error = SSL_get_error(ssl, got);
-            const bool timedOut = error == SSL_ERROR_WANT_READ || (error == SSL_ERROR_SYSCALL && errno == EAGAIN);
-            return !timedOut;
+        int got = 0;
+        while ((got = SSL_read(ssl, buffer, sizeof buffer)) > 0 && std::chrono::steady_clock::now() < deadline) {
         }
-        return false;
+        // A receive time-out, or data still coming, means it is still open.
+        const int error = SSL_get_error(ssl, got);
+        return got <= 0 && error != SSL_ERROR_WANT_READ && !(error == SSL_ERROR_SYSCALL && errno == EAGAIN);
     }
 
 private:

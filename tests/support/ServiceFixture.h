@@ -34,8 +34,7 @@ protected:
         service.setEnvironment(QStringLiteral("PCSCLITE_CSOCK_NAME"), pcscd.socketPath());
     }
 
-    // Starts the service and waits until it has listed `readers` readers; a refresh of the
-    // list comes every 15 s, and a loaded two-core machine needs room on top.
+    // Starts the service and waits until it has listed `readers` readers.
     void startServiceWithReaders(int readers = 2)
     {
         ASSERT_TRUE(service.start());

@@ -5,6 +5,8 @@
 #include <QProcess>
 #include <QString>
 
+#include <sys/stat.h>
+
 // The whole of a file; "<unreadable>" when it cannot be read.
 inline QByteArray readFile(const QString& path)
 {
@@ -26,4 +28,11 @@ inline bool writeEncryptedKey(const QString& keyFile, const QString& path)
                                                          QStringLiteral("-aes256"), QStringLiteral("-passout"),
                                                          QStringLiteral("pass:secret"), QStringLiteral("-out"), path})
            == 0;
+}
+
+// Permission bits of a file; -1 when it cannot be read.
+inline int fileMode(const QString& path)
+{
+    struct stat status;
+    return ::stat(QFile::encodeName(path).constData(), &status) == 0 ? int(status.st_mode & 07777) : -1;
 }

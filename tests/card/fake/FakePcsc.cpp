@@ -8,11 +8,12 @@
 
 #include <algorithm>
 #include <condition_variable>
-#include <cstring>
 #include <memory>
 #include <mutex>
 
 namespace FakePcsc {
+
+Stack stack;
 
 namespace {
 
@@ -20,11 +21,16 @@ const SCARDCONTEXT establishedContext = 0x1C0DE;
 const SCARDHANDLE connectedCard = 0x2CA2D;
 const Bytes readUid = {0xFF, 0xCA, 0x00, 0x00, 0x00};
 
+// Only for a cancel from another thread while a wait blocks.
+std::mutex blockMutex;
+std::condition_variable blockChanged;
+bool blocked = false;
+bool cancelled = false;
+
 // The scripted failure of the call by that name, taking one that was for once only.
 LONG scriptedFailure(const std::string& name)
 {
-    const auto once = stack.failOnce.find(name);
-    if (once != stack.failOnce.end()) {
+    if (const auto once = stack.failOnce.find(name); once != stack.failOnce.end()) {
         const LONG result = once->second;
         stack.failOnce.erase(once);
         return result;
@@ -40,20 +46,6 @@ LONG call(const std::string& entry, bool valid)
     if (const LONG failure = scriptedFailure(entry.substr(0, entry.find(' '))))
         return failure;
     return valid ? SCARD_S_SUCCESS : SCARD_E_INVALID_HANDLE;
-}
-
-Reply withStatus(Bytes data)
-{
-    data.insert(data.end(), {0x90, 0x00});
-    return {SCARD_S_SUCCESS, data};
-}
-
-const Reply notSupported = {SCARD_S_SUCCESS, {0x6D, 0x00}};
-
-std::string hex(const Bytes& bytes)
-{
-    const QByteArray raw(reinterpret_cast<const char*>(bytes.data()), static_cast<int>(bytes.size()));
-    return raw.toHex(' ').toStdString();
 }
 
 const Card* connectedCardOnReader()
@@ -74,46 +66,9 @@ LONG copyOut(const Data& data, Buffer* buffer, LPDWORD length)
     return SCARD_S_SUCCESS;
 }
 
-} // namespace
-
-Card tag(Bytes uid)
-{
-    return {{0x3B, 0x8F, 0x80, 0x01, 0x80, 0x4F, 0x0C, 0xA0, 0x00, 0x00, 0x03, 0x06, 0x03, 0x00, 0x01, 0x00, 0x00,
-             0x00, 0x00, 0x6A},
-            [uid](const Bytes& command) { return command == readUid ? withStatus(uid) : notSupported; }};
-}
-
-Card tagFailingFirst(Bytes uid, Reply first, int times)
-{
-    Card card = tag(uid);
-    auto left = std::make_shared<int>(times);
-    card.respond = [plain = card.respond, first, left](const Bytes& command) {
-        if (command != readUid || *left == 0)
-            return plain(command);
-        --*left;
-        return first;
-    };
-    return card;
-}
-
-Stack stack;
-
-namespace {
-
-// Only for a cancel from another thread while a wait blocks.
-std::mutex blockMutex;
-std::condition_variable blockChanged;
-bool blocked = false;
-bool cancelled = false;
-
 bool isNotificationReader(const std::string& name)
 {
     return name == ReaderStates::notificationReader;
-}
-
-bool isKnown(const std::vector<std::string>& readers, const std::string& name)
-{
-    return std::count(readers.begin(), readers.end(), name) > 0 || isNotificationReader(name);
 }
 
 bool takeCancel()
@@ -123,6 +78,19 @@ bool takeCancel()
 }
 
 } // namespace
+
+Card tag(Bytes uid, Reply first, int failing)
+{
+    uid.insert(uid.end(), {0x90, 0x00});
+    auto left = std::make_shared<int>(failing);
+    return {{0x3B, 0x8F, 0x80, 0x01, 0x80, 0x4F, 0x0C, 0xA0, 0x00, 0x00, 0x03, 0x06, 0x03, 0x00, 0x01, 0x00, 0x00,
+             0x00, 0x00, 0x6A},
+            [uid, first, left](const Bytes& command) {
+                if (command != readUid)
+                    return Reply{SCARD_S_SUCCESS, {0x6D, 0x00}}; // not supported
+                return *left > 0 && (*left)-- ? first : Reply{SCARD_S_SUCCESS, uid};
+            }};
+}
 
 void runStep()
 {
@@ -230,12 +198,12 @@ bool fillIn(SCARD_READERSTATE* records, DWORD count, const std::vector<std::stri
             anyChanged = anyChanged || changed;
             continue;
         }
-        const DWORD actual = !isKnown(stack.readers, reader)
-                                 ? SCARD_STATE_UNKNOWN
+        const bool known = std::count(stack.readers.begin(), stack.readers.end(), reader) > 0;
+        const DWORD actual = !known ? SCARD_STATE_UNKNOWN
                                  : (stack.cards.count(reader) ? SCARD_STATE_PRESENT : SCARD_STATE_EMPTY);
-        const DWORD known = record.dwCurrentState & (SCARD_STATE_PRESENT | SCARD_STATE_EMPTY | SCARD_STATE_UNKNOWN);
+        const DWORD told = record.dwCurrentState & (SCARD_STATE_PRESENT | SCARD_STATE_EMPTY | SCARD_STATE_UNKNOWN);
         const DWORD events = stack.cardEvents[reader];
-        const bool changed = record.dwCurrentState == SCARD_STATE_UNAWARE || known != actual
+        const bool changed = record.dwCurrentState == SCARD_STATE_UNAWARE || told != actual
                              || record.dwCurrentState >> 16 != events;
         record.dwEventState = actual | events << 16 | (changed ? SCARD_STATE_CHANGED : 0);
         anyChanged = anyChanged || changed;
@@ -316,10 +284,11 @@ LONG SCardTransmit(SCARDHANDLE card, const SCARD_IO_REQUEST* sendPci, LPCBYTE co
                    SCARD_IO_REQUEST*, LPBYTE response, LPDWORD responseLength)
 {
     const Bytes sent(command, command + commandLength);
+    const QByteArray raw(reinterpret_cast<const char*>(command), static_cast<int>(commandLength));
     // The request must name the protocol the connection negotiated.
     const bool valid = card == connectedCard && sendPci && sendPci->dwProtocol == SCARD_PROTOCOL_T1 &&
                        sendPci->cbPciLength == sizeof(SCARD_IO_REQUEST);
-    if (const LONG result = call("Transmit " + hex(sent), valid))
+    if (const LONG result = call("Transmit " + raw.toHex(' ').toStdString(), valid))
         return result;
     const Card* onReader = connectedCardOnReader();
     if (!onReader)

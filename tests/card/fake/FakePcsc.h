@@ -26,11 +26,9 @@ struct Card
     std::function<Reply(const Bytes& command)> respond;
 };
 
-// A tag that answers READ UID the way the service expects.
-Card tag(Bytes uid);
-// A tag that answers its first `times` READ UIDs with `first` (a result, or a reply with its
-// status word), as one still entering the field does, and then as tag() does.
-Card tagFailingFirst(Bytes uid, Reply first, int times = 1);
+// A tag that answers READ UID with its UID, except the first `failing` times: then with
+// `first` (a result, or a reply with its status word), as one still entering the field does.
+Card tag(Bytes uid, Reply first = {}, int failing = 0);
 
 struct Stack
 {
