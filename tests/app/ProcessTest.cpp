@@ -154,9 +154,18 @@ TEST_F(ServiceProcessTest, AClosedStandardErrorDoesNotEndTheService)
     environment.push_back(nullptr);
     char binary[] = TIV_SERVICE_BINARY;
     char* arguments[] = {binary, nullptr};
+    // With SIGPIPE as a shell leaves it, not as this test's TLS clients set it.
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    sigset_t pipeSignal;
+    sigemptyset(&pipeSignal);
+    sigaddset(&pipeSignal, SIGPIPE);
+    posix_spawnattr_setsigdefault(&attributes, &pipeSignal);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
     pid_t pid = 0;
-    const int spawned = ::posix_spawn(&pid, binary, &actions, nullptr, arguments, environment.data());
+    const int spawned = ::posix_spawn(&pid, binary, &actions, &attributes, arguments, environment.data());
     posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attributes);
     ::close(pipeEnds[1]);
     ASSERT_EQ(spawned, 0);
 

@@ -1,5 +1,3 @@
-#include "BenchmarkReport.h"
-#include "LatencySummary.h"
 #include "ProcessStats.h"
 #include "TagArrivals.h"
 
@@ -11,25 +9,6 @@
 #include <thread>
 
 namespace {
-
-TEST(BenchmarkFigures, PercentilesAreMeasuredValuesByNearestRank)
-{
-    std::vector<double> hundred;
-    for (int i = 100; i >= 1; --i)
-        hundred.push_back(i);
-    const LatencySummary s = LatencySummary::of(hundred);
-    EXPECT_EQ(s.count, 100);
-    EXPECT_EQ(s.p50, 50);
-    EXPECT_EQ(s.p95, 95);
-    EXPECT_EQ(s.max, 100);
-
-    // Few samples: p95 is the largest, never a value beyond the sorted list.
-    const LatencySummary three = LatencySummary::of({30, 10, 20});
-    EXPECT_EQ(three.p50, 20);
-    EXPECT_EQ(three.p95, 30);
-    EXPECT_EQ(LatencySummary::of({7}).p50, 7);
-    EXPECT_EQ(LatencySummary::of({}).count, 0);
-}
 
 TEST(BenchmarkFigures, CpuTimeCountsWorkFinerThanAClockTick)
 {
@@ -73,18 +52,6 @@ TEST(BenchmarkFigures, ArrivalsCountEachClientsTagOnceAndIgnoreOthers)
     // The next tap starts from nothing.
     arrivals.expect("b0000002");
     EXPECT_FALSE(arrivals.waitForAll(std::chrono::milliseconds(0)));
-}
-
-TEST(BenchmarkFigures, MemoryPerClientIsWhatTheClientsAdd)
-{
-    BenchmarkReport report;
-    report.baselineResidentKiB = 16000;
-    RoundResult thousand;
-    thousand.clients = 1000;
-    thousand.residentKiB = 116000;
-    EXPECT_EQ(report.residentKiBPerClient(thousand), 100.0);
-    report.baselineResidentKiB.reset();
-    EXPECT_FALSE(report.residentKiBPerClient(thousand));
 }
 
 } // namespace
